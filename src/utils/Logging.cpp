@@ -1,0 +1,138 @@
+#include "utils/Logging.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include <spdlog/sinks/base_sink.h>
+
+#include "quorvix/Log.h"
+
+namespace quorvix {
+namespace {
+
+LogLevel fromSpd(spdlog::level::level_enum l) {
+  switch (l) {
+    case spdlog::level::trace: return LogLevel::trace;
+    case spdlog::level::debug: return LogLevel::debug;
+    case spdlog::level::info: return LogLevel::info;
+    case spdlog::level::warn: return LogLevel::warn;
+    default: return LogLevel::error;
+  }
+}
+
+const char* levelName(LogLevel l) {
+  switch (l) {
+    case LogLevel::trace: return "trace";
+    case LogLevel::debug: return "debug";
+    case LogLevel::info: return "info";
+    case LogLevel::warn: return "warning";
+    case LogLevel::error: return "error";
+  }
+  return "error";
+}
+
+// One sink shared by every unit's logger: hands each line to the host's handlers and, above its
+// own threshold, to standard error.
+class DispatchSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  int add(LogHandler h, LogLevel min) {
+    std::lock_guard lock(mutex_);
+    handlers_.push_back({++lastId_, std::move(h), min});
+    return lastId_;
+  }
+  void remove(int id) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(handlers_, [id](const Entry& e) { return e.id == id; });
+  }
+  void setStderrLevel(LogLevel min) {
+    std::lock_guard lock(mutex_);
+    stderrMin_ = min;
+  }
+  void setStderrEnabled(bool enabled) {
+    std::lock_guard lock(mutex_);
+    stderrEnabled_ = enabled;
+  }
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    LogLevel level = fromSpd(msg.level);
+    std::string_view category(msg.logger_name.data(), msg.logger_name.size());
+    std::string_view text(msg.payload.data(), msg.payload.size());
+    for (const auto& e : handlers_) {
+      if (level >= e.min)
+        e.handler(LogRecord{level, kLogSubsystem, category, text});
+    }
+    if (stderrEnabled_ && level >= stderrMin_) {
+      std::fprintf(stderr, "[%.*s:%.*s] %s: %.*s\n", static_cast<int>(kLogSubsystem.size()),
+                   kLogSubsystem.data(), static_cast<int>(category.size()), category.data(),
+                   levelName(level), static_cast<int>(text.size()), text.data());
+    }
+  }
+  void flush_() override { std::fflush(stderr); }
+
+ private:
+  struct Entry {
+    int id;
+    LogHandler handler;
+    LogLevel min;
+  };
+  std::vector<Entry> handlers_;
+  int lastId_ = 0;
+  LogLevel stderrMin_ = LogLevel::error;
+  bool stderrEnabled_ = true;
+};
+
+struct Registry {
+  std::mutex mutex;
+  std::shared_ptr<DispatchSink> sink = std::make_shared<DispatchSink>();
+  std::map<std::string, std::shared_ptr<spdlog::logger>, std::less<>> loggers;
+};
+
+Registry& registry() {
+  // Leaked on purpose: loggers stay usable from static destructors and late threads.
+  static Registry* r = new Registry;
+  return *r;
+}
+
+}  // namespace
+
+std::shared_ptr<spdlog::logger> loggerFor(std::string_view category) {
+  Registry& r = registry();
+  std::lock_guard lock(r.mutex);
+  auto it = r.loggers.find(category);
+  if (it != r.loggers.end())
+    return it->second;
+  auto logger = std::make_shared<spdlog::logger>(std::string(category), r.sink);
+  logger->set_level(spdlog::level::trace);
+  logger->flush_on(spdlog::level::err);
+  r.loggers.emplace(std::string(category), logger);
+  return logger;
+}
+
+void fatal(std::string_view category, std::string_view message) {
+  loggerFor(category)->critical("Fatal: {}", message);
+  std::fprintf(stderr, "[%s] fatal: %.*s\n", std::string(category).c_str(),
+               static_cast<int>(message.size()), message.data());
+  std::abort();
+}
+
+int addLogHandler(LogHandler handler, LogLevel minimum) {
+  return registry().sink->add(std::move(handler), minimum);
+}
+
+void removeLogHandler(int id) {
+  registry().sink->remove(id);
+}
+
+void setStderrLogLevel(LogLevel minimum) {
+  registry().sink->setStderrLevel(minimum);
+}
+
+void setStderrLogging(bool enabled) {
+  registry().sink->setStderrEnabled(enabled);
+}
+
+}  // namespace quorvix

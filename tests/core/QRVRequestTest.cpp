@@ -1,0 +1,249 @@
+// QRVRequest against a real HTTP server on loopback, with the main queue under the test's control.
+#include "core/QRVRequest.h"
+
+#include "quorvix/QRVBundle.h"
+
+#include <gtest/gtest.h>
+
+#include "../support/HttpTestServer.h"
+#include "../support/ManualExecutor.h"
+#include "../support/TestUtil.h"
+
+namespace quorvix {
+namespace {
+
+using test::HttpTestServer;
+using test::RecordedRequest;
+using test::TestResponse;
+
+using Recorder =
+    test::CallRecorder<std::optional<QRVError>, std::optional<Value>, std::optional<QRVHTTPResponse>>;
+
+class QRVRequestTest : public ::testing::Test {
+ protected:
+  // Sends one request and waits (bounded) for its completion; then checks it stays at one call.
+  Recorder send(const std::string& url, QRVRequestOptions options = {}) {
+    Recorder rec;
+    QRVRequest::request(QRVURL::parse(url), options, rec.callback());
+    EXPECT_EQ(rec.calls(), 0) << "completion must never run inline";
+    EXPECT_TRUE(main_->runUntil([&] { return rec.called(); }));
+    main_->advanceSeconds(1);
+    EXPECT_EQ(rec.calls(), 1);
+    return rec;
+  }
+
+  test::ScopedManualMainQueue main_;
+};
+
+TEST_F(QRVRequestTest, ClassifiesAnswers) {
+  struct Case {
+    const char* name;
+    TestResponse answer;
+    std::optional<long> errorCode;  // Quorvix error code, if any
+    const char* errorMessage;
+    bool hasValue;
+  };
+  const Case cases[] = {
+      {"204 with a body is success without a value", {204, R"({"x":1})"}, {}, nullptr, false},
+      {"200 with JSON", {200, R"({"x":1})"}, {}, nullptr, true},
+      {"201 with an array", {201, "[1,2]"}, {}, nullptr, true},
+      {"404 without message", {404, R"({"error":"nope"})"}, 404, "Request failed", true},
+      {"500 with message", {500, R"({"message":"Database down"})"}, 500, "Database down", true},
+      {"409 with a non-text message", {409, R"({"message":7})"}, 409, "Request failed", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpTestServer server([&](const RecordedRequest&) { return c.answer; });
+    Recorder rec = send(server.url("/api"));
+    const auto& [error, json, response] = rec.args();
+    ASSERT_TRUE(response.has_value());
+    EXPECT_EQ(response->statusCode, c.answer.status);
+    EXPECT_EQ(json.has_value(), c.hasValue);
+    if (c.errorCode) {
+      ASSERT_TRUE(error.has_value());
+      EXPECT_EQ(error->domain(), "Quorvix");
+      EXPECT_EQ(error->code(), *c.errorCode);
+      EXPECT_EQ(error->message(), c.errorMessage);
+    } else {
+      EXPECT_FALSE(error.has_value()) << *error;
+    }
+  }
+}
+
+TEST_F(QRVRequestTest, BodiesThatAreNotJsonAreParseErrors) {
+  // An empty body is a parse error for every status but 204, success statuses included.
+  for (auto answer : {TestResponse{200, ""}, {200, "<html>hi</html>"}, {500, "oops"},
+                      {200, "\"just a string\""}, {200, "{\"a\":1} trailing"}}) {
+    SCOPED_TRACE(answer.body);
+    int status = answer.status;
+    HttpTestServer server([answer](const RecordedRequest&) { return answer; });
+    Recorder rec = send(server.url());
+    const auto& [error, json, response] = rec.args();
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->domain(), "JSON");
+    EXPECT_FALSE(json.has_value());
+    ASSERT_TRUE(response.has_value());
+    EXPECT_EQ(response->statusCode, status);
+  }
+}
+
+TEST_F(QRVRequestTest, SendsMethodHeadersAndCompactJsonBody) {
+  HttpTestServer server;
+  QRVRequestOptions options;
+  options.method = "PUT";
+  options.headers = {{"X-QuorviLicense", "lic"}, {"content-type", "text/plain"}};
+  options.body = Value(Value::Map{{"name", "Ann"}, {"n", 2}, {"list", Value::Array{true, nullptr}}});
+  send(server.url("/api/1/devices/D1"), options);
+
+  // GET and DELETE carry the JSON content type too.
+  QRVRequestOptions del;
+  del.method = "DELETE";
+  send(server.url("/x"), del);
+  send(server.url("/y"));
+
+  auto reqs = server.requests();
+  ASSERT_EQ(reqs.size(), 3u);
+  EXPECT_EQ(reqs[0].method, "PUT");
+  EXPECT_EQ(reqs[0].target, "/api/1/devices/D1");
+  EXPECT_EQ(reqs[0].body, R"({"list":[true,null],"n":2,"name":"Ann"})");
+  EXPECT_EQ(reqs[0].header("x-quorvilicense"), "lic");
+  // The host's own Content-Type never competes with the library's.
+  EXPECT_EQ(reqs[0].headerCount("content-type"), 1u);
+  EXPECT_EQ(reqs[0].header("content-type"), "application/json; charset=utf-8");
+  EXPECT_FALSE(reqs[0].header("expect"));
+  EXPECT_EQ(reqs[1].method, "DELETE");
+  EXPECT_EQ(reqs[1].body, "");
+  EXPECT_EQ(reqs[2].method, "GET");
+  for (const auto& r : reqs)
+    EXPECT_EQ(r.header("content-type"), "application/json; charset=utf-8");
+}
+
+TEST_F(QRVRequestTest, UnserialisableBodySendsNothing) {
+  HttpTestServer server;
+  for (Value body : {Value(Value::Map{{"blob", Value::Bytes{1, 2}}}),
+                     Value(Value::Array{std::numeric_limits<double>::quiet_NaN()}),
+                     Value(Value::Map{{"when", Date{5}}})}) {
+    QRVRequestOptions options;
+    options.method = "POST";
+    options.body = body;
+    Recorder rec = send(server.url(), options);
+    const auto& [error, json, response] = rec.args();
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->domain(), "JSON");
+    EXPECT_FALSE(json.has_value());
+    EXPECT_FALSE(response.has_value());
+  }
+  EXPECT_EQ(server.connectionCount(), 0);
+}
+
+TEST_F(QRVRequestTest, TransportFailuresReachTheCompletionOnce) {
+  // Nothing listening.
+  Recorder refused = send("http://127.0.0.1:" + std::to_string(HttpTestServer::closedPort()) + "/");
+  ASSERT_TRUE(refused.arg<0>().has_value());
+  EXPECT_EQ(refused.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+  EXPECT_FALSE(refused.arg<2>().has_value());
+
+  // The server hangs up without answering.
+  HttpTestServer server([](const RecordedRequest&) { return TestResponse{.hangUp = true}; });
+  Recorder hung = send(server.url());
+  ASSERT_TRUE(hung.arg<0>().has_value());
+  EXPECT_EQ(hung.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+
+  // A header value that would start a new header line is refused before anything is sent.
+  HttpTestServer quiet;
+  QRVRequestOptions options;
+  options.headers = {{"X-Quorvi", "a\r\nX-Injected: 1"}};
+  Recorder injected = send(quiet.url(), options);
+  ASSERT_TRUE(injected.arg<0>().has_value());
+  EXPECT_EQ(injected.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+  EXPECT_TRUE(quiet.requests().empty());
+
+  // No URL at all.
+  Recorder noUrl = send("not a url");
+  ASSERT_TRUE(noUrl.arg<0>().has_value());
+}
+
+TEST_F(QRVRequestTest, HugeBodiesAreBoundedNotBuffered) {
+  std::string big = "[\"" + std::string(QRVURLSession::kMaxBodyBytes, 'a') + "\"]";
+  HttpTestServer server([&](const RecordedRequest&) { return TestResponse{200, big}; });
+  Recorder rec = send(server.url());
+  ASSERT_TRUE(rec.arg<0>().has_value());
+  EXPECT_EQ(rec.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+  EXPECT_FALSE(rec.arg<1>().has_value());
+
+  // Deeply nested JSON is refused by the parser's depth limit rather than overflowing the stack.
+  std::string deep = std::string(100000, '[') + std::string(100000, ']');
+  server.setHandler([&](const RecordedRequest&) { return TestResponse{200, deep}; });
+  Recorder nested = send(server.url());
+  ASSERT_TRUE(nested.arg<0>().has_value());
+  EXPECT_EQ(nested.arg<0>()->domain(), "JSON");
+}
+
+TEST_F(QRVRequestTest, EachRequestRunsInASessionOfItsOwnUnlessTheHostSetOne) {
+  HttpTestServer server([](const RecordedRequest& r) {
+    TestResponse answer;
+    answer.headers = {{"Set-Cookie", "visit=1; Path=/"}};
+    answer.body = r.header("cookie") ? R"({"cookie":true})" : R"({"cookie":false})";
+    return answer;
+  });
+  send(server.url());
+  send(server.url());
+  auto reqs = server.requests();
+  ASSERT_EQ(reqs.size(), 2u);
+  EXPECT_FALSE(reqs[1].header("cookie")) << "no cookie shared between ephemeral sessions";
+  EXPECT_EQ(server.connectionCount(), 2) << "no connection shared between ephemeral sessions";
+
+  QRVRequest::setCustomURLSession(QRVURLSession::makePersistent());
+  send(server.url());
+  send(server.url());
+  QRVRequest::setCustomURLSession(nullptr);
+  reqs = server.requests();
+  ASSERT_EQ(reqs.size(), 4u);
+  EXPECT_EQ(reqs[3].header("cookie"), "visit=1");
+  EXPECT_EQ(reqs[3].connection, reqs[2].connection) << "the host's session keeps connections";
+}
+
+TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
+  QRVBundle::setMain({.name = "Helpdesk", .version = "42"});
+  struct Case {
+    const char* base;
+    std::optional<std::string> path;
+    const char* url;
+    std::optional<std::string> host;
+  };
+  const Case cases[] = {
+      {"https://api.example.com/", std::nullopt, "wss://api.example.com/sockets/1/ws",
+       "api.example.com"},
+      {"https://api.example.com:443/", std::nullopt, "wss://api.example.com:443/sockets/1/ws",
+       "api.example.com"},
+      {"https://api.example.com:8443/", std::nullopt, "wss://api.example.com:8443/sockets/1/ws",
+       std::nullopt},
+      {"http://h:80/base/", "s/abc/", "ws://h:80/base/s/abc/sockets/1/ws", "h"},
+      // Without a trailing "/" the last segment of the path is replaced.
+      {"http://h/base/s/abc", std::nullopt, "ws://h/base/s/sockets/1/ws", "h"},
+      {"https://h/", "wss://other:9000/x/", "wss://other:9000/x/sockets/1/ws", std::nullopt},
+      {"HTTPS://h/", std::nullopt, "wss://h/sockets/1/ws", "h"},
+      {"ftp://h:21/", std::nullopt, "ftp://h:21/sockets/1/ws", std::nullopt},
+      {"https://[::1]:443/", std::nullopt, "wss://[::1]:443/sockets/1/ws", "::1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.base);
+    auto req = QRVRequest::socketRequest(c.path, "tok", {{"X-QuorviDevice", "D"}},
+                                         *QRVURL::parse(c.base));
+    ASSERT_TRUE(req.has_value());
+    EXPECT_EQ(req->url.toString(), c.url);
+    EXPECT_EQ(req->header("Host"), c.host);
+    EXPECT_EQ(req->header("Authorization"), "Bearer tok");
+    EXPECT_EQ(req->header("User-Agent"), "Helpdesk/42");
+    EXPECT_EQ(req->header("X-QuorviDevice"), "D");
+    EXPECT_EQ(req->timeout, std::chrono::seconds(10));
+  }
+  // The token wins over a caller's own Authorization header.
+  auto req = QRVRequest::socketRequest(std::nullopt, "t2", {{"authorization", "Basic x"}},
+                                       *QRVURL::parse("https://h/"));
+  EXPECT_EQ(req->header("Authorization"), "Bearer t2");
+  QRVBundle::resetMain();
+}
+
+}  // namespace
+}  // namespace quorvix
