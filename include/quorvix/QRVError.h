@@ -13,7 +13,8 @@ class QRVError {
  public:
   static constexpr const char* kDomain = "Quorvix";
 
-  QRVError(std::string message, long code) : domain_(kDomain), code_(code), message_(std::move(message)) {}
+  QRVError(std::string message, long code)
+      : domain_(kDomain), code_(code), message_(std::move(message)) {}
   QRVError(std::string domain, long code, std::string message)
       : domain_(std::move(domain)), code_(code), message_(std::move(message)) {}
 

@@ -34,8 +34,8 @@ void classify(QRVHTTPResult result, const QRVRequestCallback& callback) {
     InvokeForRequestResponse(callback, std::optional<QRVError>(), std::optional<Value>(),
                              std::move(response));
   } else if (!json) {
-    InvokeForRequestResponse(callback, std::move(parseError),
-                             std::optional<Value>(), std::move(response));
+    InvokeForRequestResponse(callback, std::move(parseError), std::optional<Value>(),
+                             std::move(response));
   } else if (status < 400) {
     InvokeForRequestResponse(callback, std::optional<QRVError>(), std::move(json),
                              std::move(response));
@@ -85,28 +85,28 @@ void QRVRequest::request(const std::optional<QRVURL>& url,
     std::optional<QRVError> error;
     auto text = options.body->toJson(&error);
     if (!text) {
-      InvokeForRequestResponse(callback, std::move(error),
-                               std::optional<Value>(), std::optional<QRVHTTPResponse>());
+      InvokeForRequestResponse(callback, std::move(error), std::optional<Value>(),
+                               std::optional<QRVHTTPResponse>());
       return;
     }
     http.body = std::move(*text);
   }
   if (!url || !url->isAbsolute()) {
-    InvokeForRequestResponse(callback,
-                             std::optional<QRVError>(QRVError(QRVURLSession::kErrorDomain, 3,
-                                                              "unsupported URL")),
-                             std::optional<Value>(), std::optional<QRVHTTPResponse>());
+    InvokeForRequestResponse(
+        callback,
+        std::optional<QRVError>(QRVError(QRVURLSession::kErrorDomain, 3, "unsupported URL")),
+        std::optional<Value>(), std::optional<QRVHTTPResponse>());
     return;
   }
   http.url = url->toString();
-  urlSession()->dataTask(std::move(http), [callback = std::move(callback)](
-                                               QRVHTTPResult result) mutable {
-    // Classifying parses the body, which is work for the main queue rather than the HTTP thread.
-    // The callback moves along so that the HTTP thread keeps nothing it captured alive.
-    runOnMainAsync([callback = std::move(callback), result = std::move(result)]() mutable {
-      classify(std::move(result), callback);
-    });
-  });
+  urlSession()->dataTask(
+      std::move(http), [callback = std::move(callback)](QRVHTTPResult result) mutable {
+        // Classifying parses the body, which is work for the main queue rather than the HTTP
+        // thread. The callback moves along so that the HTTP thread keeps nothing it captured alive.
+        runOnMainAsync([callback = std::move(callback), result = std::move(result)]() mutable {
+          classify(std::move(result), callback);
+        });
+      });
 }
 
 std::optional<QRVSocketRequest> QRVRequest::socketRequest(const std::optional<std::string>& path,

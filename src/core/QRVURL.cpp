@@ -11,7 +11,15 @@ bool isAllowedChar(unsigned char c) {
   if (c <= 0x20 || c >= 0x7f)
     return false;
   switch (c) {
-    case '"': case '<': case '>': case '\\': case '^': case '`': case '{': case '|': case '}':
+    case '"':
+    case '<':
+    case '>':
+    case '\\':
+    case '^':
+    case '`':
+    case '{':
+    case '|':
+    case '}':
       return false;
     default:
       return true;
@@ -115,7 +123,8 @@ std::optional<QRVURL> QRVURL::parse(std::string_view text) {
       hasPort = true;
       portPart = authority.substr(colon + 1);
     }
-    if (hostPart.find_first_of("[]") != std::string_view::npos && !hostPart.starts_with("["))
+    // Outside IPv6 brackets a host has no ":", "[" or "]".
+    if (!hostPart.starts_with("[") && hostPart.find_first_of(":[]") != std::string_view::npos)
       return std::nullopt;
     url.hostText_ = std::string(hostPart);
     // An empty port ("host:") is allowed and means the default one.

@@ -15,21 +15,31 @@ namespace {
 
 LogLevel fromSpd(spdlog::level::level_enum l) {
   switch (l) {
-    case spdlog::level::trace: return LogLevel::trace;
-    case spdlog::level::debug: return LogLevel::debug;
-    case spdlog::level::info: return LogLevel::info;
-    case spdlog::level::warn: return LogLevel::warn;
-    default: return LogLevel::error;
+    case spdlog::level::trace:
+      return LogLevel::trace;
+    case spdlog::level::debug:
+      return LogLevel::debug;
+    case spdlog::level::info:
+      return LogLevel::info;
+    case spdlog::level::warn:
+      return LogLevel::warn;
+    default:
+      return LogLevel::error;
   }
 }
 
 const char* levelName(LogLevel l) {
   switch (l) {
-    case LogLevel::trace: return "trace";
-    case LogLevel::debug: return "debug";
-    case LogLevel::info: return "info";
-    case LogLevel::warn: return "warning";
-    case LogLevel::error: return "error";
+    case LogLevel::trace:
+      return "trace";
+    case LogLevel::debug:
+      return "debug";
+    case LogLevel::info:
+      return "info";
+    case LogLevel::warn:
+      return "warning";
+    case LogLevel::error:
+      return "error";
   }
   return "error";
 }

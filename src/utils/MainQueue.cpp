@@ -53,10 +53,11 @@ class ThreadExecutor final : public Executor {
   TaskHandle postAfter(Duration delay, Task task) override {
     auto cancelled = std::make_shared<std::atomic<bool>>(false);
     auto timer = std::make_shared<asio::steady_timer>(io_, delay);
-    timer->async_wait([timer, cancelled, task = std::move(task)](const boost::system::error_code& ec) {
-      if (!ec && !cancelled->load())
-        task();
-    });
+    timer->async_wait(
+        [timer, cancelled, task = std::move(task)](const boost::system::error_code& ec) {
+          if (!ec && !cancelled->load())
+            task();
+        });
     return TaskHandle(cancelled);
   }
 

@@ -47,7 +47,8 @@ class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
   bool end_object() override { return close(); }
   bool start_array(std::size_t) override { return open(Value(Value::Array{})); }
   bool end_array() override { return close(); }
-  bool parse_error(std::size_t position, const std::string&,
+  bool parse_error(std::size_t position,
+                   const std::string&,
                    const nlohmann::detail::exception& e) override {
     if (error_.empty())
       error_ = e.what() + std::string(" at byte ") + std::to_string(position);
@@ -106,13 +107,27 @@ void writeString(std::string& out, std::string_view s) {
   out.push_back('"');
   for (unsigned char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
       default:
         if (c < 0x20) {
           out += "\\u00";

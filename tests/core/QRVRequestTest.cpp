@@ -16,8 +16,8 @@ using test::HttpTestServer;
 using test::RecordedRequest;
 using test::TestResponse;
 
-using Recorder =
-    test::CallRecorder<std::optional<QRVError>, std::optional<Value>, std::optional<QRVHTTPResponse>>;
+using Recorder = test::
+    CallRecorder<std::optional<QRVError>, std::optional<Value>, std::optional<QRVHTTPResponse>>;
 
 class QRVRequestTest : public ::testing::Test {
  protected:
@@ -72,8 +72,11 @@ TEST_F(QRVRequestTest, ClassifiesAnswers) {
 
 TEST_F(QRVRequestTest, BodiesThatAreNotJsonAreParseErrors) {
   // An empty body is a parse error for every status but 204, success statuses included.
-  for (auto answer : {TestResponse{200, ""}, {200, "<html>hi</html>"}, {500, "oops"},
-                      {200, "\"just a string\""}, {200, "{\"a\":1} trailing"}}) {
+  for (auto answer : {TestResponse{200, ""},
+                      {200, "<html>hi</html>"},
+                      {500, "oops"},
+                      {200, "\"just a string\""},
+                      {200, "{\"a\":1} trailing"}}) {
     SCOPED_TRACE(answer.body);
     int status = answer.status;
     HttpTestServer server([answer](const RecordedRequest&) { return answer; });
@@ -92,7 +95,8 @@ TEST_F(QRVRequestTest, SendsMethodHeadersAndCompactJsonBody) {
   QRVRequestOptions options;
   options.method = "PUT";
   options.headers = {{"X-QuorviLicense", "lic"}, {"content-type", "text/plain"}};
-  options.body = Value(Value::Map{{"name", "Ann"}, {"n", 2}, {"list", Value::Array{true, nullptr}}});
+  options.body =
+      Value(Value::Map{{"name", "Ann"}, {"n", 2}, {"list", Value::Array{true, nullptr}}});
   send(server.url("/api/1/devices/D1"), options);
 
   // GET and DELETE carry the JSON content type too.
@@ -228,8 +232,8 @@ TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.base);
-    auto req = QRVRequest::socketRequest(c.path, "tok", {{"X-QuorviDevice", "D"}},
-                                         *QRVURL::parse(c.base));
+    auto req =
+        QRVRequest::socketRequest(c.path, "tok", {{"X-QuorviDevice", "D"}}, *QRVURL::parse(c.base));
     ASSERT_TRUE(req.has_value());
     EXPECT_EQ(req->url.toString(), c.url);
     EXPECT_EQ(req->header("Host"), c.host);

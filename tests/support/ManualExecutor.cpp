@@ -23,8 +23,8 @@ TaskHandle ManualExecutor::postAfter(Duration delay, Task task) {
   auto cancelled = std::make_shared<std::atomic<bool>>(false);
   {
     std::lock_guard lock(mutex_);
-    queue_.push_back({now_ + std::max(delay, Duration::zero()), nextSeq_++, std::move(task),
-                      cancelled});
+    queue_.push_back(
+        {now_ + std::max(delay, Duration::zero()), nextSeq_++, std::move(task), cancelled});
   }
   posted_.notify_all();
   return TaskHandle(cancelled);
@@ -92,10 +92,9 @@ bool ManualExecutor::runUntil(const std::function<bool()>& done, std::chrono::mi
     if (done())
       return true;
     std::unique_lock lock(mutex_);
-    bool anyDue = std::any_of(queue_.begin(), queue_.end(),
-                              [this](const Entry& e) { return e.due <= now_; });
-    if (!anyDue &&
-        posted_.wait_until(lock, deadline) == std::cv_status::timeout)
+    bool anyDue =
+        std::any_of(queue_.begin(), queue_.end(), [this](const Entry& e) { return e.due <= now_; });
+    if (!anyDue && posted_.wait_until(lock, deadline) == std::cv_status::timeout)
       return done();
   }
 }

@@ -50,12 +50,14 @@ TEST(ValueTest, JsonRefusals) {
     ASSERT_TRUE(error) << why;
     EXPECT_EQ(error->domain(), "JSON");
   }
-  std::string deep = std::string(Value::kMaxJsonDepth, '[') + std::string(Value::kMaxJsonDepth, ']');
+  std::string deep =
+      std::string(Value::kMaxJsonDepth, '[') + std::string(Value::kMaxJsonDepth, ']');
   EXPECT_TRUE(Value::fromJson(deep));
   EXPECT_FALSE(Value::fromJson("[" + deep + "]"));
 
-  for (Value v : {Value(Value::Bytes{}), Value(Date{1}), Value(std::numeric_limits<double>::infinity()),
-                  Value(Value::Map{{"k", Value::Array{std::nanf("")}}})}) {
+  for (Value v :
+       {Value(Value::Bytes{}), Value(Date{1}), Value(std::numeric_limits<double>::infinity()),
+        Value(Value::Map{{"k", Value::Array{std::nanf("")}}})}) {
     std::optional<QRVError> error;
     EXPECT_FALSE(v.toJson(&error));
     EXPECT_TRUE(error);

@@ -39,7 +39,8 @@ std::optional<QRVError> checkHeader(const std::string& name, const std::string& 
   if (name.empty() || std::any_of(name.begin(), name.end(), [](unsigned char c) {
         return c <= 0x20 || c >= 0x7f || c == ':';
       }))
-    return transportError(CURLE_BAD_FUNCTION_ARGUMENT, "Invalid header field name \"" + name + "\"");
+    return transportError(CURLE_BAD_FUNCTION_ARGUMENT,
+                          "Invalid header field name \"" + name + "\"");
   if (std::any_of(value.begin(), value.end(), bad))
     return transportError(CURLE_BAD_FUNCTION_ARGUMENT,
                           "Invalid value of header field \"" + name + "\": line break");
@@ -255,8 +256,8 @@ class CurlWorker {
     if (code != CURLE_OK) {
       std::string message;
       if (t.tooLarge || code == CURLE_FILESIZE_EXCEEDED)
-        message = "The response body exceeds " + std::to_string(QRVURLSession::kMaxBodyBytes) +
-                  " bytes";
+        message =
+            "The response body exceeds " + std::to_string(QRVURLSession::kMaxBodyBytes) + " bytes";
       else
         message = t.errorBuffer[0] ? t.errorBuffer : curl_easy_strerror(code);
       t.result.error = transportError(code, std::move(message));
