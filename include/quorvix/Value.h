@@ -14,6 +14,7 @@
 namespace quorvix {
 
 class QRVError;
+class CBOR;
 
 // A point in time as seconds since 1970, the resolution the wire formats carry.
 struct Date {
@@ -37,7 +38,8 @@ class Value {
                                Bytes,
                                Array,
                                Map,
-                               Date>;
+                               Date,
+                               std::shared_ptr<const CBOR>>;
 
   Value() = default;  // null
   Value(std::nullptr_t) {}
@@ -57,6 +59,8 @@ class Value {
   Value(Array a) : storage_(std::move(a)) {}
   Value(Map m) : storage_(std::move(m)) {}
   Value(Date d) : storage_(d) {}
+  // A CBOR item handed on unconverted.
+  Value(std::shared_ptr<const CBOR> c) : storage_(std::move(c)) {}
 
   const Storage& storage() const { return storage_; }
 
@@ -67,6 +71,7 @@ class Value {
   bool isArray() const { return std::holds_alternative<Array>(storage_); }
   bool isMap() const { return std::holds_alternative<Map>(storage_); }
   bool isDate() const { return std::holds_alternative<Date>(storage_); }
+  bool isCBOR() const { return std::holds_alternative<std::shared_ptr<const CBOR>>(storage_); }
   // Integers and floating-point numbers alike.
   bool isNumber() const;
   bool isInteger() const;
@@ -78,6 +83,7 @@ class Value {
   const Array* asArray() const { return std::get_if<Array>(&storage_); }
   const Map* asMap() const { return std::get_if<Map>(&storage_); }
   const Date* asDate() const { return std::get_if<Date>(&storage_); }
+  const CBOR* asCBOR() const;
   Array* asArray() { return std::get_if<Array>(&storage_); }
   Map* asMap() { return std::get_if<Map>(&storage_); }
 
@@ -92,7 +98,7 @@ class Value {
 
   // JSON text. Parsing accepts an object or array at the top level, at most kMaxJsonDepth deep;
   // non-negative integers that fit become int64, larger ones uint64. Writing refuses what JSON
-  // cannot hold (bytes, dates, NaN and infinities) and depth beyond kMaxJsonDepth.
+  // cannot hold (bytes, dates, CBOR items, NaN and infinities) and depth beyond kMaxJsonDepth.
   static constexpr int kMaxJsonDepth = 512;
   static std::optional<Value> fromJson(std::string_view text,
                                        std::optional<QRVError>* error = nullptr);

@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvix/CBOR.h"
 #include "quorvix/QRVError.h"
 
 namespace quorvix {
@@ -178,6 +179,9 @@ bool writeValue(std::string& out, const Value& v, int depth, std::string& error)
         } else if constexpr (std::is_same_v<T, Date>) {
           error = "Invalid type in JSON write (date)";
           return false;
+        } else if constexpr (std::is_same_v<T, std::shared_ptr<const CBOR>>) {
+          error = "Invalid type in JSON write (CBOR)";
+          return false;
         } else if constexpr (std::is_same_v<T, Value::Array>) {
           out.push_back('[');
           bool first = true;
@@ -266,6 +270,11 @@ std::optional<std::uint64_t> Value::toUInt64() const {
       storage_);
 }
 
+const CBOR* Value::asCBOR() const {
+  auto p = std::get_if<std::shared_ptr<const CBOR>>(&storage_);
+  return p ? p->get() : nullptr;
+}
+
 const Value* Value::find(std::string_view key) const {
   const Map* m = asMap();
   if (!m)
@@ -316,6 +325,11 @@ bool operator==(const Value& a, const Value& b) {
       return s >= 0 && static_cast<std::uint64_t>(s) == u;
     }
     return *a.toDouble() == *b.toDouble();
+  }
+  if (a.isCBOR() && b.isCBOR()) {
+    const CBOR* x = a.asCBOR();
+    const CBOR* y = b.asCBOR();
+    return x == y || (x && y && *x == *y);
   }
   return a.storage_ == b.storage_;
 }
