@@ -340,10 +340,15 @@ bool CBORWriter::item(const CBOR& v, CBOREncoderError* error) {
           head(6, x.tag);
           return item(x.item ? *x.item : CBOR(), error);
         } else if constexpr (std::is_same_v<T, CBOR::Simple>) {
-          if (x.value < 24)
+          // 20 to 23 are false, true, null and undefined; 24 to 31 have no encoding at all.
+          if (x.value < 20) {
             out_.push_back(static_cast<std::uint8_t>(0xe0 | x.value));
-          else
+          } else if (x.value >= 32) {
             out_.insert(out_.end(), {0xf8, x.value});
+          } else {
+            *error = CBOREncoderError::invalidType;
+            return false;
+          }
         } else if constexpr (std::is_same_v<T, bool>) {
           boolean(x);
         } else if constexpr (std::is_same_v<T, CBOR::Null>) {

@@ -331,6 +331,9 @@ bool CBORDecoder::readItem(CBOR& out, int depth) {
         case 24: {
           if (!readBytes(1, p))
             return false;
+          // Values below 32 have a one-byte form (or none); the two-byte form is not well formed.
+          if (*p < 32)
+            return fail(CBORError::wrongTypeInsideSequence);
           out = CBOR(CBOR::Simple{*p});
           return true;
         }

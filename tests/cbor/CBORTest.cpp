@@ -271,6 +271,7 @@ TEST(CBORTest, MalformedInputIsRefused) {
       {"c1 61 61", CBORError::wrongTypeInsideSequence, "text epoch time"},
       {"1c", CBORError::wrongTypeInsideSequence, "reserved additional information"},
       {"fc", CBORError::wrongTypeInsideSequence, "reserved simple form"},
+      {"f815", CBORError::wrongTypeInsideSequence, "true in the two-byte form (found by fuzzing)"},
       {"62 c3 28", CBORError::incorrectUTF8String, "invalid continuation byte"},
       {"62 c0 80", CBORError::incorrectUTF8String, "overlong encoding"},
       {"63 ed a0 80", CBORError::incorrectUTF8String, "surrogate"},
@@ -310,6 +311,16 @@ TEST(CBORTest, HalfFloatsKeepTheirWidthThroughARoundTrip) {
   }
   EXPECT_EQ(toHex(*CBOR(CBOR::Half{0.1f}).encode()), "f92e66");
   EXPECT_EQ(toHex(*CBOR(CBOR::Half{70000.0f}).encode()), "f97c00");
+}
+
+TEST(CBORTest, SimpleValuesWithoutAnEncodingAreRefused) {
+  EXPECT_EQ(toHex(*CBOR(CBOR::Simple{19}).encode()), "f3");
+  EXPECT_EQ(toHex(*CBOR(CBOR::Simple{32}).encode()), "f820");
+  for (std::uint8_t v : {20, 23, 24, 31}) {
+    auto refused = CBOR(CBOR::Simple{v}).encode();
+    ASSERT_FALSE(refused) << int(v);
+    EXPECT_EQ(refused.error(), CBOREncoderError::invalidType);
+  }
 }
 
 TEST(CBORTest, DecodesASequenceOfItems) {
