@@ -19,41 +19,86 @@ auto bitsOf(T f) {
     return std::bit_cast<std::uint64_t>(f);
 }
 
-// Bytewise order, a prefix first. Spelled out with memcmp because GCC 12 at -O3 warns
-// wrongly about std::vector's own comparison (-Wstringop-overread).
-bool bytewiseLess(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b) {
-  std::size_t n = std::min(a.size(), b.size());
-  int c = n ? std::memcmp(a.data(), b.data(), n) : 0;
-  return c != 0 ? c < 0 : a.size() < b.size();
+template <typename T>
+int order(const T& a, const T& b) {
+  return a < b ? -1 : (b < a ? 1 : 0);
 }
 
-// Compares two values of the same alternative.
-struct Less {
+// Bytewise order, a prefix first.
+int compareBytes(std::span<const std::uint8_t> a, std::span<const std::uint8_t> b) {
+  std::size_t n = std::min(a.size(), b.size());
+  int c = n ? std::memcmp(a.data(), b.data(), n) : 0;
+  return c != 0 ? (c < 0 ? -1 : 1) : order(a.size(), b.size());
+}
+
+bool bytewiseLess(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b) {
+  return compareBytes(a, b) < 0;
+}
+
+int compare(const CBOR& a, const CBOR& b);
+
+// Three-way, so that nested containers are walked once: a two-way "less" applied twice per
+// level would take time exponential in the nesting depth.
+struct Compare {
   template <typename T>
-  bool operator()(const T& a, const T& b) const {
-    if constexpr (std::is_same_v<T, CBOR::UnsignedInt>)
-      return a.value < b.value;
-    else if constexpr (std::is_same_v<T, CBOR::NegativeInt>)
-      return a.n < b.n;
-    else if constexpr (std::is_same_v<T, CBOR::Tagged>)
-      return a.tag != b.tag ? a.tag < b.tag : *a.item < *b.item;
-    else if constexpr (std::is_same_v<T, CBOR::Simple>)
-      return a.value < b.value;
-    else if constexpr (std::is_same_v<T, CBOR::Null> || std::is_same_v<T, CBOR::Undefined> ||
-                       std::is_same_v<T, CBOR::Break>)
-      return false;
-    else if constexpr (std::is_same_v<T, CBOR::Half>)
-      return bitsOf(a.value) < bitsOf(b.value);
-    else if constexpr (std::is_floating_point_v<T>)
-      return bitsOf(a) < bitsOf(b);
-    else if constexpr (std::is_same_v<T, Date>)
-      return bitsOf(a.secondsSince1970) < bitsOf(b.secondsSince1970);
-    else if constexpr (std::is_same_v<T, CBOR::Bytes>)
-      return bytewiseLess(a, b);
-    else
-      return a < b;  // text, arrays, maps (lexicographic)
+  int operator()(const T& a, const T& b) const {
+    if constexpr (std::is_same_v<T, CBOR::UnsignedInt>) {
+      return order(a.value, b.value);
+    } else if constexpr (std::is_same_v<T, CBOR::NegativeInt>) {
+      return order(a.n, b.n);
+    } else if constexpr (std::is_same_v<T, CBOR::Tagged>) {
+      if (a.tag != b.tag)
+        return order(a.tag, b.tag);
+      if (!a.item || !b.item)
+        return order(a.item != nullptr, b.item != nullptr);
+      return compare(*a.item, *b.item);
+    } else if constexpr (std::is_same_v<T, CBOR::Simple>) {
+      return order(a.value, b.value);
+    } else if constexpr (std::is_same_v<T, bool>) {
+      return order(a, b);
+    } else if constexpr (std::is_same_v<T, CBOR::Null> || std::is_same_v<T, CBOR::Undefined> ||
+                         std::is_same_v<T, CBOR::Break>) {
+      return 0;
+    } else if constexpr (std::is_same_v<T, CBOR::Half>) {
+      return order(bitsOf(a.value), bitsOf(b.value));
+    } else if constexpr (std::is_floating_point_v<T>) {
+      return order(bitsOf(a), bitsOf(b));  // bits, so that NaN equals itself
+    } else if constexpr (std::is_same_v<T, Date>) {
+      return order(bitsOf(a.secondsSince1970), bitsOf(b.secondsSince1970));
+    } else if constexpr (std::is_same_v<T, CBOR::Bytes>) {
+      return compareBytes(a, b);
+    } else if constexpr (std::is_same_v<T, std::string>) {
+      int c = a.compare(b);
+      return c < 0 ? -1 : (c > 0 ? 1 : 0);
+    } else if constexpr (std::is_same_v<T, CBOR::Array>) {
+      for (std::size_t i = 0; i < a.size() && i < b.size(); ++i)
+        if (int c = compare(a[i], b[i]))
+          return c;
+      return order(a.size(), b.size());
+    } else {  // maps, entries in key order
+      static_assert(std::is_same_v<T, CBOR::Map>);
+      auto x = a.begin(), y = b.begin();
+      for (; x != a.end() && y != b.end(); ++x, ++y) {
+        if (int c = compare(x->first, y->first))
+          return c;
+        if (int c = compare(x->second, y->second))
+          return c;
+      }
+      return order(a.size(), b.size());
+    }
   }
 };
+
+int compare(const CBOR& a, const CBOR& b) {
+  if (a.storage().index() != b.storage().index())
+    return order(a.storage().index(), b.storage().index());
+  return std::visit(
+      [&b](const auto& x) {
+        using T = std::decay_t<decltype(x)>;
+        return Compare{}(x, *b.template get<T>());
+      },
+      a.storage());
+}
 
 // An upper bound of the encoded size, so that the output is allocated once and a large byte
 // string is copied once.
@@ -194,18 +239,11 @@ const CBOR* CBOR::find(std::string_view key) const {
 }
 
 bool operator<(const CBOR& a, const CBOR& b) {
-  if (a.storage_.index() != b.storage_.index())
-    return a.storage_.index() < b.storage_.index();
-  return std::visit(
-      [&b](const auto& x) {
-        using T = std::decay_t<decltype(x)>;
-        return Less{}(x, std::get<T>(b.storage_));
-      },
-      a.storage_);
+  return compare(a, b) < 0;
 }
 
 bool operator==(const CBOR& a, const CBOR& b) {
-  return !(a < b) && !(b < a);
+  return compare(a, b) == 0;
 }
 
 // ---- Encoding --------------------------------------------------------------------------------

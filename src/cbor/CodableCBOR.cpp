@@ -335,33 +335,30 @@ double Decoder::readFloat() const {
   r.invalidFormat(h.initial);
 }
 
-std::string Decoder::readText() const {
+// The content of a definite string of the given major type.
+std::span<const std::uint8_t> Decoder::readDefiniteString(std::uint8_t major,
+                                                          const char* indefiniteRefusal) const {
   Reader r(item_, path_);
   Head h = r.head(0);
   r.refuseTag(h);
-  if (h.initial == 0x7f)
-    fail(Kind::dataCorrupted, "Handling UTF8 strings with break bytes is not supported yet");
-  if (h.major != 3 || h.additional >= 28)
+  if (h.major == major && h.additional == 31)
+    fail(Kind::dataCorrupted, indefiniteRefusal);
+  if (h.major != major || h.additional >= 28)
     r.invalidFormat(h.initial);
   if (h.argument > r.remaining(h.size))
     fail(Kind::dataCorrupted, "Unexpected end of data");
-  auto bytes = item_.subspan(h.size, h.argument);
+  return item_.subspan(h.size, h.argument);
+}
+
+std::string Decoder::readText() const {
+  auto bytes = readDefiniteString(3, "Handling UTF8 strings with break bytes is not supported yet");
   if (!isValidUTF8(bytes))
     fail(Kind::dataCorrupted, "Invalid UTF-8 text");
   return std::string(bytes.begin(), bytes.end());
 }
 
 CBOR::Bytes Decoder::readBytes() const {
-  Reader r(item_, path_);
-  Head h = r.head(0);
-  r.refuseTag(h);
-  if (h.initial == 0x5f)
-    fail(Kind::dataCorrupted, "Handling byte strings with break bytes is not supported yet");
-  if (h.major != 2 || h.additional >= 28)
-    r.invalidFormat(h.initial);
-  if (h.argument > r.remaining(h.size))
-    fail(Kind::dataCorrupted, "Unexpected end of data");
-  auto bytes = item_.subspan(h.size, h.argument);
+  auto bytes = readDefiniteString(2, "Handling byte strings with break bytes is not supported yet");
   return CBOR::Bytes(bytes.begin(), bytes.end());
 }
 

@@ -265,6 +265,8 @@ class Decoder {
   std::int64_t readSigned(std::int64_t min, std::int64_t max) const;
   std::uint64_t readUnsigned(std::uint64_t max) const;
   double readFloat() const;
+  std::span<const std::uint8_t> readDefiniteString(std::uint8_t major,
+                                                   const char* indefiniteRefusal) const;
   std::string readText() const;
   CBOR::Bytes readBytes() const;
   Date readDate() const;

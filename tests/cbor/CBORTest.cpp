@@ -5,27 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include "../support/Hex.h"
+
 #include "cbor/CBORDecoder.h"
 
 namespace quorvix {
 namespace {
 
-CBOR::Bytes hex(std::string_view h) {
-  CBOR::Bytes out;
-  for (std::size_t i = 0; i + 1 < h.size(); i += 2)
-    out.push_back(static_cast<std::uint8_t>(std::stoi(std::string(h.substr(i, 2)), nullptr, 16)));
-  return out;
-}
-
-std::string toHex(const CBOR::Bytes& b) {
-  static const char* d = "0123456789abcdef";
-  std::string s;
-  for (auto c : b) {
-    s.push_back(d[c >> 4]);
-    s.push_back(d[c & 15]);
-  }
-  return s;
-}
+using test::hex;
+using test::toHex;
 
 Expected<std::optional<CBOR>, CBORError> decode(std::string_view h, CBOROptions o = {}) {
   static thread_local CBOR::Bytes keep;
@@ -321,6 +309,19 @@ TEST(CBORTest, SimpleValuesWithoutAnEncodingAreRefused) {
     ASSERT_FALSE(refused) << int(v);
     EXPECT_EQ(refused.error(), CBOREncoderError::invalidType);
   }
+}
+
+// Found by fuzzing: deeply nested items as map keys made comparison exponential in the depth.
+TEST(CBORTest, ComparingDeepItemsTakesLinearTime) {
+  CBOR a = u(1), b = u(2);
+  for (int i = 0; i < 400; ++i) {
+    a = arr({a});
+    b = arr({b});
+  }
+  EXPECT_FALSE(a == b);
+  EXPECT_TRUE(a < b);
+  CBOR::Map keyed{{a, u(0)}, {b, u(1)}, {a, u(2)}};
+  EXPECT_EQ(keyed.size(), 2u);
 }
 
 TEST(CBORTest, DecodesASequenceOfItems) {

@@ -2,25 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "../support/Hex.h"
+
 namespace quorvix {
 namespace {
 
-std::string toHex(const CBOR::Bytes& b) {
-  static const char* d = "0123456789abcdef";
-  std::string s;
-  for (auto c : b) {
-    s.push_back(d[c >> 4]);
-    s.push_back(d[c & 15]);
-  }
-  return s;
-}
-
-CBOR::Bytes hex(std::string_view h) {
-  CBOR::Bytes out;
-  for (std::size_t i = 0; i + 1 < h.size(); i += 2)
-    out.push_back(static_cast<std::uint8_t>(std::stoi(std::string(h.substr(i, 2)), nullptr, 16)));
-  return out;
-}
+using test::hex;
+using test::toHex;
 
 struct Point {
   double x = 0;
