@@ -1,6 +1,6 @@
 // Bytes from the service's sockets: decoding never crashes or over-allocates, and every item
-// decoded re-encodes to bytes that decode and encode to the same bytes again. The same bytes also go through the
-// keyed/unkeyed decoder, which must fail cleanly on anything it cannot read.
+// decoded re-encodes to bytes that decode and encode to the same bytes again. The same bytes also
+// go through the keyed/unkeyed decoder, which must fail cleanly on anything it cannot read.
 #include <cstdint>
 #include <cstdlib>
 #include <map>
