@@ -179,14 +179,22 @@ bool CBORDecoder::readString(std::uint8_t major,
   }
 }
 
+bool CBORDecoder::readBreak(bool& found) {
+  if (pos_ >= istream_.size())
+    return fail(CBORError::unfinishedSequence);
+  found = istream_[pos_] == 0xff;
+  if (found)
+    ++pos_;
+  return true;
+}
+
 bool CBORDecoder::readUntilBreak(CBOR::Array& out, int depth) {
   while (true) {
-    if (pos_ >= istream_.size())
-      return fail(CBORError::unfinishedSequence);
-    if (istream_[pos_] == 0xff) {
-      ++pos_;
+    bool done = false;
+    if (!readBreak(done))
+      return false;
+    if (done)
       return true;
-    }
     CBOR item;
     if (!readItem(item, depth))
       return false;
@@ -206,12 +214,11 @@ bool CBORDecoder::readNPairs(std::size_t n, CBOR::Map& out, int depth) {
 
 bool CBORDecoder::readPairsUntilBreak(CBOR::Map& out, int depth) {
   while (true) {
-    if (pos_ >= istream_.size())
-      return fail(CBORError::unfinishedSequence);
-    if (istream_[pos_] == 0xff) {
-      ++pos_;
+    bool done = false;
+    if (!readBreak(done))
+      return false;
+    if (done)
       return true;
-    }
     if (!readNPairs(1, out, depth))
       return false;
   }

@@ -33,6 +33,8 @@ class CBORDecoder {
                   std::uint8_t additional,
                   std::string* text,
                   CBOR::Bytes* bytes);
+  // Consumes the break that ends an indefinite container, if it comes next.
+  bool readBreak(bool& found);
   bool readUntilBreak(CBOR::Array& out, int depth);
   bool readNPairs(std::size_t n, CBOR::Map& out, int depth);
   bool readPairsUntilBreak(CBOR::Map& out, int depth);
