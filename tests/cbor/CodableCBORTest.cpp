@@ -120,11 +120,7 @@ TEST(CodableCBORTest, DecodingErrorsSayWhatWentWrong) {
       {"a1 01 fc", "Invalid format for getting length of item: 252"},
   };
   for (const auto& c : strokes) {
-    std::string h;
-    for (const char* p = c.hex; *p; ++p)
-      if (*p != ' ')
-        h.push_back(*p);
-    auto bytes = hex(h);
+    auto bytes = hex(c.hex);
     auto result = CodableCBORDecoder().decode<Stroke>(bytes);
     ASSERT_FALSE(result) << c.hex;
     EXPECT_EQ(result.error().description, c.description) << c.hex;
