@@ -1,10 +1,11 @@
-// Bytes from a WebSocket server: the handshake answer, then frames, split into pieces at
-// places the input chooses. Nothing may crash, and frames read in pieces must equal frames
-// read whole.
+// Bytes from a WebSocket server: the handshake answer, compressed messages, and frames split
+// into pieces at places the input chooses. Nothing may crash or inflate past its limit, and
+// frames read in pieces must equal frames read whole.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
 
+#include "web-socket/WSCompression.h"
 #include "web-socket/WSFraming.h"
 #include "web-socket/WSHandshake.h"
 
@@ -18,6 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   WSHandshakeReader handshake("dGhlIHNhbXBsZSBub25jZQ==");
   (void)handshake.feed(input);
+
+  // The same bytes as a compressed message, twice, so that a kept window is exercised.
+  WSDecompressor inflater(8 + data[1] % 8, compression, 1u << 20);
+  std::vector<std::uint8_t> inflated;
+  if (!inflater.decompress(input, inflated))
+    (void)inflater.decompress(input, inflated);
 
   auto readAll = [&](std::size_t step, std::vector<WSFrame>& frames) {
     WSFrameReader reader(compression);
