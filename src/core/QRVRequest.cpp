@@ -6,18 +6,13 @@
 #include "quorvix/QRVBundle.h"
 #include "utils/Invokers.h"
 #include "utils/Logging.h"
+#include "utils/Strings.h"
 
 namespace quorvix {
 namespace {
 
 std::mutex gSessionMutex;
 std::shared_ptr<QRVURLSession> gCustomSession;
-
-std::string lower(std::string s) {
-  std::transform(s.begin(), s.end(), s.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return s;
-}
 
 // Steps 1 to 6 of classifying an answer.
 void classify(QRVHTTPResult result, const QRVRequestCallback& callback) {
@@ -51,7 +46,7 @@ void classify(QRVHTTPResult result, const QRVRequestCallback& callback) {
 
 std::optional<std::string> QRVSocketRequest::header(std::string_view name) const {
   for (const auto& [k, v] : headers) {
-    if (lower(k) == lower(std::string(name)))
+    if (equalsIgnoringCase(k, name))
       return v;
   }
   return std::nullopt;
@@ -77,7 +72,7 @@ void QRVRequest::request(const std::optional<QRVURL>& url,
   QRVHTTPRequest http;
   http.method = options.method.empty() ? "GET" : options.method;
   for (const auto& [name, value] : options.headers) {
-    if (lower(name) != "content-type")
+    if (!equalsIgnoringCase(name, "Content-Type"))
       http.headers.emplace_back(name, value);
   }
   http.headers.emplace_back("Content-Type", kContentType);
@@ -119,7 +114,7 @@ std::optional<QRVSocketRequest> QRVRequest::socketRequest(const std::optional<st
   std::optional<QRVURL> url = endpoint->resolve("sockets/1/ws");
   if (!url || !url->scheme())
     return std::nullopt;
-  std::string scheme = lower(*url->scheme());
+  std::string scheme = asciiLower(*url->scheme());
   if (scheme == "http")
     url->setScheme("ws");
   else if (scheme == "https")
@@ -128,7 +123,7 @@ std::optional<QRVSocketRequest> QRVRequest::socketRequest(const std::optional<st
   QRVSocketRequest request{*url, {}, std::chrono::milliseconds(10000)};
   auto set = [&request](const std::string& name, const std::string& value) {
     auto it = std::find_if(request.headers.begin(), request.headers.end(),
-                           [&](const auto& h) { return lower(h.first) == lower(name); });
+                           [&](const auto& h) { return equalsIgnoringCase(h.first, name); });
     if (it != request.headers.end())
       it->second = value;
     else

@@ -1,5 +1,7 @@
 #include "core/QRVURL.h"
 
+#include "utils/Strings.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -32,12 +34,6 @@ bool isValidScheme(std::string_view s) {
   return std::all_of(s.begin(), s.end(), [](unsigned char c) {
     return std::isalnum(c) || c == '+' || c == '-' || c == '.';
   });
-}
-
-std::string lower(std::string s) {
-  std::transform(s.begin(), s.end(), s.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return s;
 }
 
 // RFC 3986 section 5.2.4.
@@ -215,7 +211,7 @@ std::string QRVURL::host() const {
 bool QRVURL::usesDefaultPort() const {
   if (!port_)
     return true;
-  std::string s = lower(scheme_.value_or(""));
+  std::string s = asciiLower(scheme_.value_or(""));
   if (s == "http" || s == "ws")
     return *port_ == 80;
   if (s == "https" || s == "wss")

@@ -1,5 +1,7 @@
 #include "web-socket/WSHandshake.h"
 
+#include "utils/Strings.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -9,13 +11,6 @@
 
 namespace quorvix {
 namespace {
-
-std::string lower(std::string_view s) {
-  std::string out(s);
-  std::transform(out.begin(), out.end(), out.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return out;
-}
 
 std::string_view trim(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
@@ -38,7 +33,7 @@ bool hasToken(const std::string& value, std::string_view token) {
   std::string_view rest = value;
   while (!rest.empty()) {
     auto comma = rest.find(',');
-    if (lower(trim(rest.substr(0, comma))) == token)
+    if (asciiLower(trim(rest.substr(0, comma))) == token)
       return true;
     if (comma == std::string_view::npos)
       break;
@@ -69,11 +64,11 @@ std::string buildHandshake(const WSHandshakeInput& input, const std::string& key
       "GET " + (input.resource.empty() ? std::string("/") : input.resource) + " HTTP/1.1\r\n";
   auto has = [&](std::string_view name) {
     return std::any_of(input.headers.begin(), input.headers.end(),
-                       [&](const auto& h) { return lower(h.first) == lower(name); });
+                       [&](const auto& h) { return equalsIgnoringCase(h.first, name); });
   };
   // These belong to the handshake; a request's own value would break it.
   auto reserved = [](std::string_view name) {
-    std::string n = lower(name);
+    std::string n = asciiLower(name);
     return n == "upgrade" || n == "connection" || n == "sec-websocket-key" ||
            n == "sec-websocket-version" || n == "sec-websocket-extensions";
   };
@@ -101,7 +96,7 @@ WSCompressionConfig parseExtensions(const std::string& value) {
   bool sawName = false;
   while (true) {
     auto semi = rest.find(';');
-    std::string param = lower(trim(rest.substr(0, semi)));
+    std::string param = asciiLower(trim(rest.substr(0, semi)));
     if (!sawName) {
       if (param != "permessage-deflate")
         return config;
@@ -166,7 +161,7 @@ WSHandshakeReader::feed(std::span<const std::uint8_t> bytes) {
     auto colon = line.find(':');
     if (colon == std::string_view::npos || colon == 0)
       return Result{std::nullopt, upgradeError(response.status)};
-    std::string name = lower(trim(line.substr(0, colon)));
+    std::string name = asciiLower(trim(line.substr(0, colon)));
     std::string value(trim(line.substr(colon + 1)));
     auto& slot = response.headers[name];
     slot = slot.empty() ? value : slot + ", " + value;

@@ -15,6 +15,7 @@
 
 #include "quorvix/QRVURLSession.h"
 #include "utils/Logging.h"
+#include "utils/Strings.h"
 
 namespace quorvix {
 namespace {
@@ -88,9 +89,7 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
   auto colon = line.find(':');
   if (colon == std::string_view::npos || !t->result.response)
     return n;
-  std::string name(line.substr(0, colon));
-  std::transform(name.begin(), name.end(), name.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::string name = asciiLower(line.substr(0, colon));
   std::string_view value = line.substr(colon + 1);
   while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
     value.remove_prefix(1);
