@@ -1,6 +1,8 @@
 #include "quorvix/QRVBundle.h"
 
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
@@ -23,10 +25,16 @@ QRVBundle defaults() {
   b.displayName = b.name;
   b.shortVersion = "1.0";
   b.version = "1";
-  for (const char* key : {"QRVWebSocketMethod", "QRVBroadcastExtension"}) {
-    if (const char* v = std::getenv(key))
-      b.settings[key] = Value(std::string(v));
+  // An information dictionary would hold the method as a number; the environment only has text.
+  if (const char* v = std::getenv("QRVWebSocketMethod")) {
+    std::int64_t n = 0;
+    const char* end = v + std::strlen(v);
+    auto [p, ec] = std::from_chars(v, end, n);
+    b.settings["QRVWebSocketMethod"] =
+        (ec == std::errc() && p == end && p != v) ? Value(n) : Value(std::string(v));
   }
+  if (const char* v = std::getenv("QRVBroadcastExtension"))
+    b.settings["QRVBroadcastExtension"] = Value(std::string(v));
   return b;
 }
 

@@ -19,17 +19,14 @@ bool isControl(std::uint8_t op) {
 
 }  // namespace
 
-void writeFrame(std::vector<std::uint8_t>& out,
-                OpCode opcode,
-                std::span<const std::uint8_t> payload,
-                const std::array<std::uint8_t, 4>& maskKey,
-                bool fin,
-                bool rsv1) {
-  const std::size_t start = out.size();
-  out.reserve(start + kMaxFrameSize + payload.size());
+void writeFrameHeader(std::vector<std::uint8_t>& out,
+                      OpCode opcode,
+                      std::uint64_t n,
+                      const std::array<std::uint8_t, 4>& maskKey,
+                      bool fin,
+                      bool rsv1) {
   out.push_back(static_cast<std::uint8_t>((fin ? kFinMask : 0) | (rsv1 ? kRSV1Mask : 0) |
                                           static_cast<std::uint8_t>(opcode)));
-  const std::uint64_t n = payload.size();
   if (n <= 125) {
     out.push_back(static_cast<std::uint8_t>(kMaskMask | n));
   } else if (n <= 0xffff) {
@@ -41,25 +38,38 @@ void writeFrame(std::vector<std::uint8_t>& out,
       out.push_back(static_cast<std::uint8_t>(n >> (8 * i)));
   }
   out.insert(out.end(), maskKey.begin(), maskKey.end());
-  const std::size_t body = out.size();
-  out.resize(body + payload.size());
-  std::uint8_t* dst = out.data() + body;
-  const std::uint8_t* src = payload.data();
+}
+
+void applyMask(std::span<std::uint8_t> bytes, const std::array<std::uint8_t, 4>& maskKey) {
+  std::uint8_t* p = bytes.data();
   std::size_t i = 0;
   // Eight bytes at a time with the key repeated; the rest byte by byte.
-  std::uint64_t wideKey;
   std::uint8_t key8[8];
   for (int k = 0; k < 8; ++k)
     key8[k] = maskKey[k % 4];
+  std::uint64_t wideKey;
   std::memcpy(&wideKey, key8, 8);
-  for (; i + 8 <= payload.size(); i += 8) {
+  for (; i + 8 <= bytes.size(); i += 8) {
     std::uint64_t chunk;
-    std::memcpy(&chunk, src + i, 8);
+    std::memcpy(&chunk, p + i, 8);
     chunk ^= wideKey;
-    std::memcpy(dst + i, &chunk, 8);
+    std::memcpy(p + i, &chunk, 8);
   }
-  for (; i < payload.size(); ++i)
-    dst[i] = src[i] ^ maskKey[i % 4];
+  for (; i < bytes.size(); ++i)
+    p[i] ^= maskKey[i % 4];
+}
+
+void writeFrame(std::vector<std::uint8_t>& out,
+                OpCode opcode,
+                std::span<const std::uint8_t> payload,
+                const std::array<std::uint8_t, 4>& maskKey,
+                bool fin,
+                bool rsv1) {
+  out.reserve(out.size() + kMaxFrameSize + payload.size());
+  writeFrameHeader(out, opcode, payload.size(), maskKey, fin, rsv1);
+  const std::size_t body = out.size();
+  out.insert(out.end(), payload.begin(), payload.end());
+  applyMask(std::span(out).subspan(body), maskKey);
 }
 
 std::optional<WSError> WSFrameReader::feed(std::span<const std::uint8_t> bytes,

@@ -64,6 +64,16 @@ constexpr std::uint8_t kPayloadLenMask = 0x7F;
 // Bytes reserved for a frame header when writing.
 constexpr std::size_t kMaxFrameSize = 32;
 
+// Appends a client frame's header for a payload of `length` bytes.
+void writeFrameHeader(std::vector<std::uint8_t>& out,
+                      OpCode opcode,
+                      std::uint64_t length,
+                      const std::array<std::uint8_t, 4>& maskKey,
+                      bool fin = true,
+                      bool rsv1 = false);
+// Masks (or unmasks) bytes in place.
+void applyMask(std::span<std::uint8_t> bytes, const std::array<std::uint8_t, 4>& maskKey);
+
 // Appends one client frame: FIN and opcode, the mask bit, the shortest length form (inline up to
 // 125, 126 and 16 bits up to 65535, else 127 and 64 bits), the key, then the masked payload.
 void writeFrame(std::vector<std::uint8_t>& out,

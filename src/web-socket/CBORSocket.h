@@ -1,0 +1,150 @@
+// The message socket: one self-healing connection to a socket endpoint of the service, over
+// which named events travel as CBOR maps {"event", "data", "id"}. It numbers what it sends,
+// reads the service's acknowledgements, pings every minute with a ten-second pong deadline,
+// reconnects with a growing, jittered delay, and hands incoming events to listeners by name.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/QRVRequest.h"
+#include "quorvix/Executor.h"
+#include "quorvix/QRVError.h"
+#include "quorvix/QRVURLSession.h"
+#include "quorvix/Value.h"
+#include "utils/RepeatingTimer.h"
+#include "web-socket/SocketTransport.h"
+
+namespace quorvix {
+
+class CBOR;
+
+// Latency of the socket's round trips, one timed message at a time. Shared with the frame
+// pipeline's thread: every access is serialised.
+class CBORSocketMetrics {
+ public:
+  explicit CBORSocketMetrics(const Clock& clock) : clock_(clock) {}
+
+  void onSent(std::uint64_t messageId);
+  void onReceived(std::uint64_t ackId);
+  // Seconds. Climbs while the timed message stays unacknowledged.
+  double latency() const;
+  void reset();
+
+ private:
+  double now() const;
+
+  const Clock& clock_;
+  mutable std::mutex queue_;
+  std::uint64_t lastMessage_ = 0;
+  double lastMessageTimestamp_ = 0;
+  std::uint64_t lastAck_ = 0;
+  double lastAckTimestamp_ = 0;
+  double filteredLatency_ = 0;
+};
+
+// A decoded incoming item as listeners see it: negative integers as their raw argument, maps
+// with text keys as dictionaries (other maps, tags, null and undefined stay CBOR items).
+Value convertIncoming(const CBOR& item);
+
+class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
+ public:
+  using RequestProvider = std::function<QRVSocketRequest()>;
+  using Listener = std::function<void(const Value::Map& data)>;
+  using DisconnectObserver = std::function<void(const std::optional<QRVError>& error)>;
+  using TransportFactory =
+      std::function<std::shared_ptr<SocketTransport>(const QRVSocketRequest& request,
+                                                     std::shared_ptr<QRVURLSession> session)>;
+
+  // What the socket runs on. Left empty: the main queue, a secure random source, and the
+  // transport the host's "QRVWebSocketMethod" setting selects.
+  struct Environment {
+    std::shared_ptr<Executor> executor;
+    std::function<std::uint32_t()> random;
+    TransportFactory transportFactory;
+  };
+
+  static constexpr double kPingInterval = 60.0;
+  static constexpr double kPongTimeout = 10.0;
+
+  // Creates the socket and connects its first transport. Call on the main queue.
+  static std::shared_ptr<CBORSocket> create(std::shared_ptr<QRVURLSession> session,
+                                            RequestProvider request,
+                                            Environment environment = {});
+  ~CBORSocket();
+  CBORSocket(const CBORSocket&) = delete;
+  CBORSocket& operator=(const CBORSocket&) = delete;
+
+  void onMessage(const std::string& event, Listener listener);
+  void onConnect(std::function<void()> observer);
+  void onDisconnect(DisconnectObserver observer);
+
+  // The completion runs once the transport has sent the message; never when it was dropped
+  // (closed socket, unencodable data). The id is used up either way.
+  void send(const std::string& event, Value::Map data, std::function<void()> completion = {});
+  void sendPing();
+  // Closes for good: observers hear it once with no error, then everything is let go.
+  void disconnect();
+
+  bool isConneced() const;
+  std::uint64_t messageLag() const;
+  const CBORSocketMetrics& metrics() const { return metrics_; }
+
+  double maxReconnectDelay() const;
+  void setMaxReconnectDelay(double seconds);
+  double minReconnectDelay() const;
+  void setMinReconnectDelay(double seconds);
+
+  // The delay before reconnect attempt `attempts`, for a random draw `random`.
+  static double reconnectDelay(std::int64_t attempts,
+                               std::uint32_t random,
+                               double minDelay,
+                               double maxDelay);
+
+  // Transport events, through SocketDelegate.
+  void transportDidConnect();
+  void transportDidDisconnect(const std::optional<TransportError>& error);
+  void transportDidReceive(const std::vector<std::uint8_t>& data);
+  void cancelPongTimeout();
+
+  CBORSocket(std::shared_ptr<QRVURLSession> session,
+             RequestProvider request,
+             Environment environment);
+
+ private:
+  void start();
+  std::shared_ptr<SocketTransport> createSocket(const QRVSocketRequest& request);
+  void reconnect();
+  void runReconnect();
+  void handleAck(std::uint64_t ack);
+
+  const std::shared_ptr<Executor> executor_;
+  const std::function<std::uint32_t()> random_;
+  const TransportFactory transportFactory_;
+
+  mutable std::mutex mutex_;
+  std::shared_ptr<SocketTransport> socket_;
+  std::shared_ptr<QRVURLSession> urlSession_;
+  RequestProvider request_;
+  std::int64_t attempts_ = 0;
+  RepeatingTimer pingTimer_;
+  std::optional<TaskHandle> pongTimeout_;
+  std::optional<TaskHandle> reconnectTimer_;
+  std::uint64_t messageId_ = 0;
+  std::uint64_t lastMessageAck_ = 0;
+  CBORSocketMetrics metrics_;
+  double maxReconnectDelay_ = 30.0;
+  double minReconnectDelay_;
+  std::map<std::string, std::vector<Listener>> onMessageObservers_;
+  std::vector<std::function<void()>> onConnectObservers_;
+  std::vector<DisconnectObserver> onDisconnectObservers_;
+  std::shared_ptr<SocketDelegate> socketDelegate_;
+};
+
+}  // namespace quorvix

@@ -1,0 +1,60 @@
+// What a CBOR socket needs from a WebSocket connection, and the events it gets back. Two
+// transports implement it: StarscreamSocket (the library's own client) and BeastSocket.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "core/QRVRequest.h"
+#include "quorvix/QRVURLSession.h"
+#include "web-socket/WSStream.h"
+
+namespace quorvix {
+
+class CBORSocket;
+
+// The receiver of a transport's events, installed by a CBOR socket. It holds the socket weakly
+// so that a transport never keeps its socket alive.
+class SocketDelegate {
+ public:
+  virtual ~SocketDelegate() = default;
+  virtual void websocketDidConnect();
+  virtual void websocketDidDisconnect(std::optional<TransportError> error);
+  // One binary message.
+  virtual void websocketDidReceiveData(std::vector<std::uint8_t> data);
+  // A pong came back: the socket's pong deadline is cancelled.
+  virtual void websocketDidReceivePong();
+
+  std::weak_ptr<CBORSocket> cborSocket;
+};
+
+class SocketTransport {
+ public:
+  using Completion = std::function<void()>;
+
+  virtual ~SocketTransport() = default;
+  virtual bool isConnected() const = 0;
+  virtual std::shared_ptr<SocketDelegate> delegate() const = 0;
+  virtual void setDelegate(std::shared_ptr<SocketDelegate> delegate) = 0;
+  virtual void connect() = 0;
+  virtual void disconnect(std::optional<TransportError> error = std::nullopt) = 0;
+  // One binary message. Dropped without a completion when there is no connection.
+  virtual void write(std::vector<std::uint8_t> data, Completion completion = {}) = 0;
+  virtual void writePing(std::vector<std::uint8_t> data, Completion completion = {}) = 0;
+};
+
+// The host's choice of transport: the "QRVWebSocketMethod" setting of its bundle.
+enum class WebsocketMethod { urlSession = 1, starscream = 2 };
+
+// Reads the setting afresh: 2 selects the library's own client; absent, not an integer, or any
+// other value selects the platform transport.
+WebsocketMethod currentWebsocketMethod();
+// A new transport of that kind for one connection attempt.
+std::shared_ptr<SocketTransport> makeSocket(WebsocketMethod method,
+                                            const QRVSocketRequest& request,
+                                            std::shared_ptr<QRVURLSession> session);
+
+}  // namespace quorvix

@@ -1,0 +1,321 @@
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "../support/Hex.h"
+#include "../support/ManualExecutor.h"
+#include "cbor/CBORDecoder.h"
+#include "quorvix/CBOR.h"
+#include "web-socket/CBORSocket.h"
+
+namespace quorvix {
+namespace {
+
+using test::hex;
+using test::toHex;
+
+// A transport the test drives by hand. Like the platform transport, disconnect() reports at once.
+class FakeTransport final : public SocketTransport {
+ public:
+  explicit FakeTransport(QRVSocketRequest r) : request(std::move(r)) {}
+
+  bool isConnected() const override { return connected; }
+  std::shared_ptr<SocketDelegate> delegate() const override { return delegate_; }
+  void setDelegate(std::shared_ptr<SocketDelegate> d) override { delegate_ = std::move(d); }
+  void connect() override { ++connects; }
+  void disconnect(std::optional<TransportError> error) override {
+    ++disconnects;
+    connected = false;
+    delegate_->websocketDidDisconnect(std::move(error));
+  }
+  void write(std::vector<std::uint8_t> data, Completion completion) override {
+    writes.push_back(std::move(data));
+    completions.push_back(std::move(completion));
+  }
+  void writePing(std::vector<std::uint8_t> data, Completion) override {
+    pings.push_back(std::move(data));
+  }
+
+  // The server's side.
+  void open() {
+    connected = true;
+    delegate_->websocketDidConnect();
+  }
+  void drop(std::optional<TransportError> error = std::nullopt) {
+    connected = false;
+    delegate_->websocketDidDisconnect(std::move(error));
+  }
+  void receive(const CBOR& item) { delegate_->websocketDidReceiveData(item.encode().value()); }
+
+  QRVSocketRequest request;
+  bool connected = false;
+  int connects = 0;
+  int disconnects = 0;
+  std::vector<std::vector<std::uint8_t>> writes;
+  std::vector<SocketTransport::Completion> completions;
+  std::vector<std::vector<std::uint8_t>> pings;
+
+ private:
+  std::shared_ptr<SocketDelegate> delegate_;
+};
+
+CBOR text(const char* s) {
+  return CBOR(std::string(s));
+}
+CBOR uint(std::uint64_t v) {
+  return CBOR(CBOR::UnsignedInt{v});
+}
+
+class CBORSocketTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<CBORSocket> make() {
+    CBORSocket::Environment env;
+    env.executor = main.get();
+    env.random = [this] {
+      std::uint32_t v = randoms.empty() ? 0 : randoms.front();
+      if (!randoms.empty())
+        randoms.pop_front();
+      return v;
+    };
+    env.transportFactory = [this](const QRVSocketRequest& r, std::shared_ptr<QRVURLSession>) {
+      auto t = std::make_shared<FakeTransport>(r);
+      transports.push_back(t);
+      return t;
+    };
+    auto provider = [this] {
+      ++requests;
+      return QRVSocketRequest{*QRVURL::parse("ws://127.0.0.1:1/sockets/1/ws"), {}, {}};
+    };
+    return CBORSocket::create(nullptr, provider, env);
+  }
+
+  FakeTransport& last() { return *transports.back(); }
+
+  // The envelopes written on the last transport, decoded.
+  std::vector<CBOR> sent() {
+    std::vector<CBOR> out;
+    for (const auto& bytes : last().writes)
+      out.push_back(*CBORDecoder(bytes).decodeItem().value());
+    return out;
+  }
+
+  test::ScopedManualMainQueue main;
+  std::deque<std::uint32_t> randoms;
+  std::vector<std::shared_ptr<FakeTransport>> transports;
+  int requests = 0;
+};
+
+TEST(CBORSocketDelayTest, FollowsTheBackoffTableWithinItsClamps) {
+  const std::uint32_t most = 0xffffffff;
+  // Attempts 0 and 1 are below any minimum, whatever the jitter.
+  EXPECT_EQ(CBORSocket::reconnectDelay(0, most, 0.5, 30.0), 0.5);
+  EXPECT_EQ(CBORSocket::reconnectDelay(1, most, 0.5, 30.0), 0.5);
+  EXPECT_NEAR(CBORSocket::reconnectDelay(1, most, 0.0, 30.0), 0.354, 0.001);
+  EXPECT_NEAR(CBORSocket::reconnectDelay(10, 0, 0.5, 30.0), 3.737, 0.001);
+  EXPECT_NEAR(CBORSocket::reconnectDelay(20, 0, 0.5, 30.0), 8.586, 0.001);
+  EXPECT_NEAR(CBORSocket::reconnectDelay(40, most, 0.5, 30.0), 29.588, 0.001);
+  // From 57 on, the maximum even without jitter.
+  EXPECT_EQ(CBORSocket::reconnectDelay(57, 0, 0.5, 30.0), 30.0);
+  EXPECT_EQ(CBORSocket::reconnectDelay(57, 0, 0.5, 60.0) > 30.0, true);
+}
+
+TEST_F(CBORSocketTest, DrawsItsMinimumDelayOnceInTheHalfToOneAndAHalfRange) {
+  randoms = {0};
+  EXPECT_EQ(make()->minReconnectDelay(), 0.5);
+  randoms = {0xffffffff};
+  EXPECT_EQ(make()->minReconnectDelay(), 1.5);
+}
+
+TEST_F(CBORSocketTest, NumbersEnvelopesAndRestartsAtOneAfterAReconnect) {
+  auto socket = make();
+  ASSERT_EQ(transports.size(), 1u);
+  EXPECT_EQ(last().connects, 1);
+  last().open();
+  int done = 0;
+  socket->send("frame", {{"n", Value(1)}}, [&] { ++done; });
+  socket->send("frame", {}, nullptr);
+  // Keys in encoded order: "id", "data", "event".
+  EXPECT_EQ(toHex(last().writes[0]),
+            toHex(hex("a3 62 6964 01 64 64617461 a1 616e 01 65 6576656e74 65 6672616d65")));
+  EXPECT_EQ(*sent()[1].find("id"), uint(2));
+  last().completions[0]();
+  EXPECT_EQ(done, 1);
+
+  last().receive(CBOR(CBOR::Map{{text("ack"), uint(1)}}));
+  EXPECT_EQ(socket->messageLag(), 1u);
+
+  last().drop();
+  EXPECT_EQ(socket->messageLag(), 0u);
+  main->advanceSeconds(socket->minReconnectDelay());
+  ASSERT_EQ(transports.size(), 2u);
+  EXPECT_EQ(requests, 2);  // a fresh request for every attempt
+  last().open();
+  socket->send("frame", {});
+  EXPECT_EQ(*sent()[0].find("id"), uint(1));
+  EXPECT_EQ(socket->messageLag(), 0u);
+}
+
+TEST_F(CBORSocketTest, GrowsTheBackoffUntilDataArrives) {
+  randoms = {0};  // minimum 0.5, no jitter
+  auto socket = make();
+  std::vector<double> delays;
+  for (int i = 0; i < 12; ++i) {
+    last().open();  // opening does not reset the count
+    last().drop();
+    delays.push_back(std::chrono::duration<double>(*main->nextDelay()).count());
+    main->advance(*main->nextDelay());
+  }
+  EXPECT_EQ(delays[0], 0.5);
+  EXPECT_EQ(delays[1], 0.5);
+  EXPECT_NEAR(delays[10], 3.737, 0.001);
+  EXPECT_NEAR(delays[11], 4.2, 0.1);
+  // Any binary message resets it, even one that does not decode.
+  last().open();
+  transports.back()->delegate()->websocketDidReceiveData({0xff, 0x00});
+  last().drop();
+  EXPECT_EQ(std::chrono::duration<double>(*main->nextDelay()).count(), 0.5);
+}
+
+TEST_F(CBORSocketTest, PingsEveryMinuteAndRebuildsASilentConnectionOnce) {
+  auto socket = make();
+  last().open();
+  int disconnects = 0;
+  socket->onDisconnect([&](const std::optional<QRVError>&) { ++disconnects; });
+
+  // A pong in time cancels the deadline.
+  main->advanceSeconds(60.0);
+  ASSERT_EQ(last().pings.size(), 1u);
+  EXPECT_TRUE(last().pings[0].empty());
+  last().delegate()->websocketDidReceivePong();
+  main->advanceSeconds(10.0);
+  EXPECT_EQ(last().disconnects, 0);
+
+  // No pong: the transport is told to disconnect (and reports it at once), and the deadline's
+  // own reconnect finds one already scheduled.
+  main->advanceSeconds(50.0);
+  ASSERT_EQ(last().pings.size(), 2u);
+  main->advanceSeconds(10.0);
+  EXPECT_EQ(last().disconnects, 1);
+  EXPECT_EQ(disconnects, 1);
+  EXPECT_EQ(main->pendingCount(), 2u);  // the ping timer and one reconnect
+  main->advanceSeconds(socket->minReconnectDelay());
+  EXPECT_EQ(transports.size(), 2u);
+  EXPECT_EQ(transports[0]->disconnects, 1);  // replaced without another call
+}
+
+TEST_F(CBORSocketTest, HandsEventsToListenersAndReadsAcks) {
+  auto socket = make();
+  last().open();
+  std::vector<std::string> calls;
+  Value::Map got;
+  socket->onMessage("x", [&](const Value::Map& d) {
+    calls.push_back("first");
+    got = d;
+  });
+  socket->onMessage("x", [&](const Value::Map&) { calls.push_back("second"); });
+
+  // An ack frame is only an ack, whatever else it carries.
+  socket->send("a", {});
+  socket->send("b", {});
+  last().receive(CBOR(CBOR::Map{
+      {text("ack"), uint(1)}, {text("event"), text("x")}, {text("data"), CBOR(CBOR::Map{})}}));
+  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(socket->messageLag(), 1u);
+  // Not acks, not events: dropped.
+  last().receive(CBOR(CBOR::Map{{text("ack"), text("5")}}));
+  last().receive(CBOR(CBOR::Map{{text("event"), text("x")}}));
+  last().receive(CBOR(CBOR::Map{{uint(1), text("x")}}));
+  last().receive(CBOR(CBOR::Array{}));
+  last().receive(
+      CBOR(CBOR::Map{{text("event"), text("nobody")}, {text("data"), CBOR(CBOR::Map{})}}));
+  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(socket->messageLag(), 1u);
+
+  CBOR::Map data{{text("neg"), CBOR(CBOR::NegativeInt{9})},  // -10
+                 {text("half"), CBOR(CBOR::Half{1.5f})},
+                 {text("list"), CBOR(CBOR::Array{CBOR(true), CBOR(CBOR::Simple{16})})},
+                 {text("nested"), CBOR(CBOR::Map{{text("k"), CBOR(CBOR::Bytes{1, 2})}})},
+                 {text("intKeys"), CBOR(CBOR::Map{{uint(1), uint(2)}})},
+                 {text("nil"), CBOR(CBOR::Null{})}};
+  last().receive(CBOR(CBOR::Map{{text("event"), text("x")}, {text("data"), CBOR(data)}}));
+  EXPECT_EQ(calls, (std::vector<std::string>{"first", "second"}));
+  EXPECT_EQ(got.at("neg"), Value(std::uint64_t{9}));
+  EXPECT_TRUE(std::holds_alternative<float>(got.at("half").storage()));
+  EXPECT_EQ(got.at("list"), Value(Value::Array{Value(true), Value(std::uint64_t{16})}));
+  EXPECT_EQ(*got.at("nested").find("k"), Value(Value::Bytes{1, 2}));
+  ASSERT_TRUE(got.at("intKeys").isCBOR());
+  ASSERT_TRUE(got.at("nil").isCBOR());
+  EXPECT_EQ(got.at("nil").asCBOR()->kind(), CBOR::Kind::null);
+}
+
+TEST_F(CBORSocketTest, NormalisesClientErrorsAndPassesOthersOn) {
+  auto socket = make();
+  std::vector<std::optional<QRVError>> seen;
+  socket->onDisconnect([&](const std::optional<QRVError>& e) { seen.push_back(e); });
+  last().drop(WSError{WSError::ErrorType::upgradeError, "Invalid HTTP upgrade", 401});
+  main->advance(*main->nextDelay());
+  last().drop(QRVError("URLSessionWebSocketTask", 4001, "3 bytes"));
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0], QRVError("CBORSocket", 401, ""));
+  EXPECT_EQ(seen[1], QRVError("URLSessionWebSocketTask", 4001, "3 bytes"));
+}
+
+TEST_F(CBORSocketTest, DisconnectIsFinal) {
+  auto socket = make();
+  last().open();
+  int connectCalls = 0;
+  std::vector<std::optional<QRVError>> seen;
+  socket->onConnect([&] { ++connectCalls; });
+  socket->onDisconnect([&](const std::optional<QRVError>& e) { seen.push_back(e); });
+
+  socket->disconnect();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_FALSE(seen[0]);
+  EXPECT_EQ(transports[0]->disconnects, 1);
+  EXPECT_FALSE(socket->isConneced());
+  // The transport's own report afterwards reaches nobody and schedules nothing.
+  transports[0]->drop();
+  socket->disconnect();
+  EXPECT_EQ(seen.size(), 1u);
+  EXPECT_EQ(main->pendingCount(), 0u);
+
+  bool completed = false;
+  socket->send("frame", {}, [&] { completed = true; });
+  EXPECT_FALSE(completed);
+  EXPECT_EQ(transports[0]->writes.size(), 0u);
+  main->advanceSeconds(3600);
+  EXPECT_EQ(transports.size(), 1u);
+}
+
+// Timestamps are seconds since 1970 in a double: about a tenth of a microsecond apart today.
+constexpr double kClockGrain = 1e-6;
+
+TEST_F(CBORSocketTest, EstimatesLatencyFromTheTimedMessage) {
+  auto socket = make();
+  last().open();
+  EXPECT_EQ(socket->metrics().latency(), 0.0);
+  socket->send("frame", {});
+  main->advanceSeconds(2.0);
+  EXPECT_NEAR(socket->metrics().latency(), 2.0, kClockGrain);  // climbs while unacknowledged
+  main->advanceSeconds(0.2);
+  last().receive(CBOR(CBOR::Map{{text("ack"), uint(1)}}));
+  EXPECT_NEAR(socket->metrics().latency(), 2.2, kClockGrain);
+  socket->send("frame", {});
+  main->advanceSeconds(0.2);
+  last().receive(CBOR(CBOR::Map{{text("ack"), uint(2)}}));
+  EXPECT_NEAR(socket->metrics().latency(), 0.125 * 0.2 + 0.875 * 2.2, kClockGrain);
+
+  // Only one message is timed at a time; a higher ack gives the timed one up.
+  socket->send("frame", {});  // 3, timed
+  socket->send("frame", {});  // 4, not timed
+  main->advanceSeconds(1.0);
+  last().receive(CBOR(CBOR::Map{{text("ack"), uint(4)}}));
+  EXPECT_NEAR(socket->metrics().latency(), 1.95, kClockGrain);
+  socket->send("frame", {});  // 5, timed again
+  main->advanceSeconds(0.5);
+  last().receive(CBOR(CBOR::Map{{text("ack"), uint(5)}}));
+  EXPECT_NEAR(socket->metrics().latency(), 0.125 * 0.5 + 0.875 * 1.95, kClockGrain);
+}
+
+}  // namespace
+}  // namespace quorvix
