@@ -85,6 +85,10 @@ std::optional<Duration> ManualExecutor::nextDelay() const {
   return best;
 }
 
+namespace {
+constexpr std::chrono::milliseconds kPoll(2);
+}  // namespace
+
 bool ManualExecutor::runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   auto deadline = std::chrono::steady_clock::now() + limit;
   while (true) {
@@ -94,8 +98,11 @@ bool ManualExecutor::runUntil(const std::function<bool()>& done, std::chrono::mi
     std::unique_lock lock(mutex_);
     bool anyDue =
         std::any_of(queue_.begin(), queue_.end(), [this](const Entry& e) { return e.due <= now_; });
-    if (!anyDue && posted_.wait_until(lock, deadline) == std::cv_status::timeout)
+    if (std::chrono::steady_clock::now() >= deadline)
       return done();
+    // Conditions may also change on other threads without a post: look again now and then.
+    if (!anyDue)
+      posted_.wait_until(lock, std::min(deadline, std::chrono::steady_clock::now() + kPoll));
   }
 }
 

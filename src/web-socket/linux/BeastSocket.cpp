@@ -274,7 +274,9 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
     if (writing_ || writes_.empty() || !open_ || ended_)
       return;
     writing_ = true;
-    Op& op = writes_.front();
+    inFlight_ = std::move(writes_.front());
+    writes_.pop_front();
+    Op& op = *inFlight_;
     auto done = [self = shared_from_this()](const error_code& ec, std::size_t = 0) {
       self->didWrite(ec);
     };
@@ -295,9 +297,9 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
 
   void didWrite(const error_code& ec) {
     writing_ = false;
-    Op op = std::move(writes_.front());
-    writes_.pop_front();
-    if (op.kind == Op::ping && !ec)
+    Op op = std::move(*inFlight_);
+    inFlight_.reset();
+    if (op.kind == Op::ping && !ec && !ended_)
       pongWaiters_.push_back(std::move(op.completion));
     else if (op.completion)
       op.completion();
@@ -361,6 +363,7 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
   websocket::response_type response_;
   beast::flat_buffer buffer_;
   std::deque<Op> writes_;
+  std::optional<Op> inFlight_;
   std::deque<Completion> pongWaiters_;
   std::string host_, authority_, target_;
   bool secure_ = false;

@@ -1,0 +1,26 @@
+// Certificates made with the openssl tool when a test starts: a test root, a leaf for
+// "localhost" and 127.0.0.1 signed by it, a leaf for another host signed by it, and a
+// self-signed leaf for "localhost".
+#pragma once
+
+#include <string>
+
+namespace quorvix::test {
+
+struct TestCertificates {
+  TestCertificates();
+  ~TestCertificates();
+  TestCertificates(const TestCertificates&) = delete;
+  TestCertificates& operator=(const TestCertificates&) = delete;
+
+  bool ok = false;
+  std::string caPem;
+  std::string localhostPem, localhostKey;
+  std::string otherHostPem, otherHostKey;
+  std::string selfSignedPem, selfSignedKey;
+
+ private:
+  std::string dir_;
+};
+
+}  // namespace quorvix::test

@@ -1,0 +1,390 @@
+// Both transports and the CBOR socket against an in-process Beast server on loopback.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "../support/ManualExecutor.h"
+#include "../support/TestCertificates.h"
+#include "../support/WsTestServer.h"
+#include "cbor/CBORDecoder.h"
+#include "quorvix/CBOR.h"
+#include "quorvix/QRVBundle.h"
+#include "quorvix/TLSConfiguration.h"
+#include "web-socket/CBORSocket.h"
+#include "web-socket/StarscreamSocket.h"
+#include "web-socket/linux/BeastSocket.h"
+
+namespace quorvix {
+namespace {
+
+using test::WsServerOptions;
+using test::WsTestServer;
+
+// Records a transport's events from whichever thread they come.
+class Recorder final : public SocketDelegate {
+ public:
+  void websocketDidConnect() override {
+    std::lock_guard lock(mutex);
+    ++connects;
+  }
+  void websocketDidDisconnect(std::optional<TransportError> error) override {
+    std::lock_guard lock(mutex);
+    disconnects.push_back(std::move(error));
+  }
+  void websocketDidReceiveData(std::vector<std::uint8_t> bytes) override {
+    std::lock_guard lock(mutex);
+    allOnMain = allOnMain && mainQueue()->isCurrent();
+    data.push_back(std::move(bytes));
+  }
+  void websocketDidReceivePong() override {
+    std::lock_guard lock(mutex);
+    ++pongs;
+  }
+
+  template <typename F>
+  auto read(F f) {
+    std::lock_guard lock(mutex);
+    return f(*this);
+  }
+
+  std::mutex mutex;
+  int connects = 0;
+  int pongs = 0;
+  bool allOnMain = true;
+  std::vector<std::optional<TransportError>> disconnects;
+  std::vector<std::vector<std::uint8_t>> data;
+};
+
+std::string name(const ::testing::TestParamInfo<WebsocketMethod>& info) {
+  return info.param == WebsocketMethod::starscream ? "OwnClient" : "Beast";
+}
+
+class TransportTest : public ::testing::TestWithParam<WebsocketMethod> {
+ protected:
+  void TearDown() override { setTLSConfiguration({}); }
+
+  std::shared_ptr<SocketTransport> open(
+      const std::string& url,
+      bool waitForConnect = true,
+      std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    QRVSocketRequest request{*QRVURL::parse(url), {{"Authorization", "Bearer secret"}}, timeout};
+    auto transport = makeSocket(GetParam(), request, nullptr);
+    transport->setDelegate(recorder);
+    transport->connect();
+    if (waitForConnect) {
+      EXPECT_TRUE(until([](Recorder& r) { return r.connects == 1; }));
+    }
+    return transport;
+  }
+
+  bool until(const std::function<bool(Recorder&)>& condition) {
+    return main->runUntil([&] { return recorder->read(condition); });
+  }
+
+  std::optional<TransportError> lastError() {
+    return recorder->read([](Recorder& r) { return r.disconnects.back(); });
+  }
+
+  bool own() const { return GetParam() == WebsocketMethod::starscream; }
+
+  test::ScopedManualMainQueue main;
+  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+};
+
+std::vector<std::uint8_t> pattern(std::size_t n) {
+  std::vector<std::uint8_t> out(n);
+  for (std::size_t i = 0; i < n; ++i)
+    out[i] = static_cast<std::uint8_t>(i % 251);
+  return out;
+}
+
+TEST_P(TransportTest, EchoesBinaryMessagesWithAndWithoutCompression) {
+  for (bool deflate : {false, true}) {
+    SCOPED_TRACE(deflate ? "deflate" : "plain");
+    recorder = std::make_shared<Recorder>();
+    WsTestServer server(WsServerOptions{.deflate = deflate});
+    auto transport = open(server.url("/sockets/1/ws?x=1"));
+    EXPECT_TRUE(transport->isConnected());
+    const std::vector<std::size_t> sizes{1, 125, 126, 65536, 300000};
+    int completions = 0;
+    for (auto n : sizes)
+      transport->write(pattern(n), [&] { ++completions; });
+    ASSERT_TRUE(until([&](Recorder& r) { return r.data.size() == sizes.size(); }));
+    for (std::size_t i = 0; i < sizes.size(); ++i)
+      EXPECT_EQ(recorder->data[i], pattern(sizes[i]));
+    EXPECT_TRUE(recorder->allOnMain);
+    EXPECT_TRUE(main->runUntil([&] { return completions == 5; }));
+    EXPECT_EQ(server.lastUsedDeflate(), deflate);
+    const auto headers = server.requestHeaders().at(0);
+    EXPECT_EQ(headers.at("authorization"), "Bearer secret");
+    if (own()) {
+      EXPECT_EQ(headers.at("sec-websocket-extensions"),
+                "permessage-deflate; client_max_window_bits; server_max_window_bits=15");
+    }
+  }
+}
+
+TEST_P(TransportTest, ReportsTheServersCloseCode) {
+  for (int code : {1000, 4001}) {
+    recorder = std::make_shared<Recorder>();
+    WsTestServer server;
+    auto transport = open(server.url());
+    server.closeAll(static_cast<std::uint16_t>(code), code == 1000 ? "" : "abc");
+    ASSERT_TRUE(until([](Recorder& r) { return !r.disconnects.empty(); }));
+    EXPECT_FALSE(transport->isConnected());
+    auto error = lastError();
+    if (own()) {
+      EXPECT_EQ(error, TransportError(WSError{WSError::ErrorType::protocolError,
+                                              "connection closed by server", code}));
+    } else if (code == 1000) {
+      EXPECT_FALSE(error);
+    } else {
+      EXPECT_EQ(error, TransportError(QRVError(BeastSocket::kErrorDomain, 4001, "3 bytes")));
+    }
+  }
+}
+
+TEST_P(TransportTest, PingsAreAnsweredAndReported) {
+  WsTestServer server;
+  auto transport = open(server.url());
+  bool completed = false;
+  transport->writePing({}, [&] { completed = true; });
+  EXPECT_TRUE(until([](Recorder& r) { return r.pongs == 1; }));
+  EXPECT_TRUE(main->runUntil([&] { return completed; }));
+}
+
+TEST_P(TransportTest, RefusedUpgradeEndsTheAttempt) {
+  WsTestServer server(WsServerOptions{.refuseWithStatus = 401});
+  auto transport = open(server.url(), false);
+  ASSERT_TRUE(until([](Recorder& r) { return !r.disconnects.empty(); }));
+  EXPECT_EQ(recorder->connects, 0);
+  auto error = lastError();
+  ASSERT_TRUE(error);
+  if (own()) {
+    EXPECT_EQ(std::get<WSError>(*error),
+              (WSError{WSError::ErrorType::upgradeError, "Invalid HTTP upgrade", 401}));
+  } else {
+    EXPECT_NE(std::get<QRVError>(*error).message().find("HTTP 401"), std::string::npos);
+  }
+}
+
+TEST_P(TransportTest, DisconnectReportsAtOnceOnlyOnThePlatformTransport) {
+  WsTestServer server;
+  auto transport = open(server.url());
+  QRVError reason("Test", 7, "why");
+  transport->disconnect(TransportError(reason));
+  const auto sync = recorder->read([](Recorder& r) { return r.disconnects.size(); });
+  if (own()) {
+    EXPECT_EQ(sync, 0u);
+    // The server answers the close frame; that is what ends the connection.
+    ASSERT_TRUE(until([](Recorder& r) { return r.disconnects.size() == 1; }));
+    EXPECT_EQ(std::get<WSError>(*lastError()).code, 1000);
+  } else {
+    EXPECT_FALSE(transport->isConnected());
+    ASSERT_EQ(sync, 1u);
+    EXPECT_EQ(recorder->disconnects[0], TransportError(reason));
+    // The cancelled task reports again later, as the platform's does.
+    EXPECT_TRUE(until([](Recorder& r) { return r.disconnects.size() == 2; }));
+  }
+  // Writes after the end do not reach the server.
+  transport->write(pattern(10));
+  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  EXPECT_EQ(server.messagesReceived(), 0u);
+}
+
+TEST_P(TransportTest, TrustsOnlyVerifiedCertificatesForTheRightHost) {
+  test::TestCertificates certs;
+  ASSERT_TRUE(certs.ok) << "openssl could not make the test certificates";
+  struct Case {
+    const char* what;
+    std::string cert, key;
+    bool trustCA;
+    bool accepted;
+  };
+  const std::vector<Case> cases{
+      {"unknown root", certs.localhostPem, certs.localhostKey, false, false},
+      {"root added", certs.localhostPem, certs.localhostKey, true, true},
+      {"wrong host", certs.otherHostPem, certs.otherHostKey, true, false},
+      {"self-signed", certs.selfSignedPem, certs.selfSignedKey, true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    recorder = std::make_shared<Recorder>();
+    setTLSConfiguration(c.trustCA ? TLSConfiguration{{certs.caPem}} : TLSConfiguration{});
+    WsTestServer server(WsServerOptions{.certificate = c.cert, .privateKey = c.key});
+    auto transport = open(server.url("/", "localhost"), false);
+    ASSERT_TRUE(until([](Recorder& r) { return r.connects > 0 || !r.disconnects.empty(); }));
+    EXPECT_EQ(recorder->connects, c.accepted ? 1 : 0);
+    if (c.accepted) {
+      transport->write(pattern(1000));
+      EXPECT_TRUE(until([](Recorder& r) { return r.data.size() == 1; }));
+      continue;
+    }
+    auto error = lastError();
+    ASSERT_TRUE(error);
+    if (own()) {
+      EXPECT_EQ(std::get<WSError>(*error).type, WSError::ErrorType::invalidSSLError);
+      EXPECT_EQ(std::get<WSError>(*error).message, "Invalid SSL certificate");
+    } else {
+      EXPECT_EQ(std::get<QRVError>(*error).domain(), "TLS");
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports,
+                         TransportTest,
+                         ::testing::Values(WebsocketMethod::urlSession,
+                                           WebsocketMethod::starscream),
+                         name);
+
+TEST(BeastSocketTest, AfterATextMessageNothingIsDeliveredButPingsStillWork) {
+  test::ScopedManualMainQueue main;
+  WsTestServer server;
+  auto recorder = std::make_shared<Recorder>();
+  BeastSocket transport(
+      QRVSocketRequest{*QRVURL::parse(server.url()), {}, std::chrono::seconds(10)}, nullptr);
+  transport.setDelegate(recorder);
+  transport.connect();
+  ASSERT_TRUE(
+      main->runUntil([&] { return recorder->read([](Recorder& r) { return r.connects; }); }));
+  server.sendToAll({'h', 'i'}, false);
+  server.sendToAll({1, 2, 3}, true);
+  main->runUntil([] { return false; }, std::chrono::milliseconds(100));
+  transport.writePing({});
+  ASSERT_TRUE(main->runUntil([&] { return recorder->read([](Recorder& r) { return r.pongs; }); }));
+  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  EXPECT_TRUE(recorder->data.empty());
+  EXPECT_TRUE(transport.isConnected());
+}
+
+TEST(StarscreamWebSocketTest, GivesUpAWriteTheSocketNeverTakes) {
+  test::ScopedManualMainQueue main;
+  WsTestServer server(WsServerOptions{.mode = WsServerOptions::Mode::mute});
+  auto recorder = std::make_shared<Recorder>();
+  StarscreamSocket transport(
+      QRVSocketRequest{*QRVURL::parse(server.url()), {}, std::chrono::milliseconds(300)});
+  transport.setDelegate(recorder);
+  transport.connect();
+  ASSERT_TRUE(
+      main->runUntil([&] { return recorder->read([](Recorder& r) { return r.connects; }); }));
+  // Far more than the socket buffers on both ends hold.
+  for (int i = 0; i < 64; ++i)
+    transport.write(std::vector<std::uint8_t>(1 << 20, 0x55));
+  ASSERT_TRUE(main->runUntil(
+      [&] { return recorder->read([](Recorder& r) { return !r.disconnects.empty(); }); },
+      std::chrono::seconds(20)));
+  EXPECT_EQ(recorder->disconnects[0],
+            TransportError(WSError{WSError::ErrorType::writeTimeoutError,
+                                   "Timed out waiting for the socket to be ready for a write", 0}));
+}
+
+// The CBOR socket over each transport, chosen through the host's setting.
+class CBORSocketRecoveryTest : public ::testing::TestWithParam<WebsocketMethod> {
+ protected:
+  void SetUp() override {
+    QRVBundle bundle = QRVBundle::main();
+    bundle.settings["QRVWebSocketMethod"] = Value(static_cast<int>(GetParam()));
+    QRVBundle::setMain(bundle);
+  }
+  void TearDown() override {
+    if (socket)
+      socket->disconnect();
+    QRVBundle::resetMain();
+  }
+
+  void start(WsTestServer& server) {
+    const std::string url = server.url("/sockets/1/ws");
+    socket = CBORSocket::create(nullptr, [url] {
+      return QRVSocketRequest{*QRVURL::parse(url), {}, std::chrono::seconds(10)};
+    });
+    socket->onConnect([this] { ++connects; });
+    socket->onDisconnect([this](const std::optional<QRVError>& e) {
+      std::lock_guard lock(mutex);
+      errors.push_back(e);
+    });
+    socket->onMessage("hello", [this](const Value::Map& data) {
+      std::lock_guard lock(mutex);
+      messages.push_back(data);
+    });
+  }
+
+  std::size_t disconnectCount() {
+    std::lock_guard lock(mutex);
+    return errors.size();
+  }
+
+  // The id of the last envelope the server got.
+  std::uint64_t lastIdSent(WsTestServer& server) {
+    auto got = server.received();
+    auto item = CBORDecoder(got.back().data).decodeItem();
+    return item.value()->find("id")->get<CBOR::UnsignedInt>()->value;
+  }
+
+  test::ScopedManualMainQueue main;
+  std::shared_ptr<CBORSocket> socket;
+  std::atomic<int> connects{0};
+  std::mutex mutex;
+  std::vector<std::optional<QRVError>> errors;
+  std::vector<Value::Map> messages;
+};
+
+TEST_P(CBORSocketRecoveryTest, CarriesEventsAndComesBackAfterTheServerDrops) {
+  WsTestServer server;
+  start(server);
+  ASSERT_TRUE(main->runUntil([&] { return connects == 1; }));
+  EXPECT_TRUE(socket->isConneced());
+  // The echo server sends the envelope back: an event for our own listener.
+  socket->send("hello", {{"n", Value(1)}});
+  socket->send("hello", {{"n", Value(2)}});
+  ASSERT_TRUE(main->runUntil([&] {
+    std::lock_guard lock(mutex);
+    return messages.size() == 2;
+  }));
+  EXPECT_EQ(messages[1].at("n"), Value(2));
+  EXPECT_EQ(lastIdSent(server), 2u);
+
+  server.dropAll();
+  ASSERT_TRUE(main->runUntil([&] { return disconnectCount() >= 1; }));
+  main->advanceSeconds(socket->minReconnectDelay());
+  ASSERT_TRUE(main->runUntil([&] { return connects == 2; }));
+  EXPECT_EQ(server.upgrades(), 2);
+  socket->send("hello", {{"n", Value(3)}});
+  ASSERT_TRUE(main->runUntil([&] { return server.received().size() == 3; }));
+  EXPECT_EQ(lastIdSent(server), 1u);
+}
+
+TEST_P(CBORSocketRecoveryTest, RebuildsAConnectionWhosePongsStop) {
+  WsTestServer server(WsServerOptions{.mode = WsServerOptions::Mode::mute});
+  start(server);
+  ASSERT_TRUE(main->runUntil([&] { return connects == 1; }));
+  main->advanceSeconds(CBORSocket::kPingInterval);
+  main->runUntil([] { return false; }, std::chrono::milliseconds(100));
+  main->advanceSeconds(CBORSocket::kPongTimeout);
+  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  main->advanceSeconds(socket->minReconnectDelay());
+  EXPECT_TRUE(main->runUntil([&] { return connects == 2 && server.upgrades() == 2; }));
+}
+
+TEST_P(CBORSocketRecoveryTest, KeepsRetryingARefusedUpgrade) {
+  WsTestServer server(WsServerOptions{.refuseWithStatus = 401});
+  start(server);
+  for (std::size_t attempt = 1; attempt <= 3; ++attempt) {
+    ASSERT_TRUE(main->runUntil([&] { return disconnectCount() >= attempt; }));
+    main->advance(*main->nextDelay());
+  }
+  EXPECT_EQ(connects, 0);
+  EXPECT_GE(server.requestHeaders().size(), 3u);
+  if (GetParam() == WebsocketMethod::starscream) {
+    EXPECT_EQ(errors[0], QRVError("CBORSocket", 401, ""));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports,
+                         CBORSocketRecoveryTest,
+                         ::testing::Values(WebsocketMethod::urlSession,
+                                           WebsocketMethod::starscream),
+                         name);
+
+}  // namespace
+}  // namespace quorvix
