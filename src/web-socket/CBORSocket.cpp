@@ -203,7 +203,37 @@ void CBORSocket::start() {
 }
 
 CBORSocket::~CBORSocket() {
-  disconnect();
+  pingTimer_.stop();
+  if (socket_)
+    socket_->disconnect();
+}
+
+struct CBORSocket::WorkItem {
+  std::mutex mutex;
+  std::shared_ptr<CBORSocket> target;
+  TaskHandle handle;
+
+  void cancel() {
+    handle.cancel();
+    std::lock_guard lock(mutex);
+    target.reset();
+  }
+};
+
+std::shared_ptr<CBORSocket::WorkItem> CBORSocket::schedule(double delay,
+                                                           void (CBORSocket::*run)()) {
+  auto item = std::make_shared<WorkItem>();
+  item->target = shared_from_this();
+  item->handle = executor_->postAfter(seconds(delay), [item, run] {
+    std::shared_ptr<CBORSocket> target;
+    {
+      std::lock_guard lock(item->mutex);
+      target = std::move(item->target);
+    }
+    if (target)
+      ((*target).*run)();
+  });
+  return item;
 }
 
 std::shared_ptr<SocketTransport> CBORSocket::createSocket(const QRVSocketRequest& request) {
@@ -259,20 +289,21 @@ void CBORSocket::sendPing() {
   }
   if (transport)
     transport->writePing({});
-  auto item = [self = shared_from_this()] {
-    std::shared_ptr<SocketTransport> current;
-    {
-      std::lock_guard lock(self->mutex_);
-      current = self->socket_;
-    }
-    if (current)
-      current->disconnect();
-    self->reconnect();
-  };
   std::lock_guard lock(mutex_);
   if (pongTimeout_)
     pongTimeout_->cancel();
-  pongTimeout_ = executor_->postAfter(seconds(kPongTimeout), std::move(item));
+  pongTimeout_ = schedule(kPongTimeout, &CBORSocket::pongDeadlinePassed);
+}
+
+void CBORSocket::pongDeadlinePassed() {
+  std::shared_ptr<SocketTransport> current;
+  {
+    std::lock_guard lock(mutex_);
+    current = socket_;
+  }
+  if (current)
+    current->disconnect();
+  reconnect();
 }
 
 void CBORSocket::cancelPongTimeout() {
@@ -297,8 +328,7 @@ void CBORSocket::reconnect() {
   if (!socket_ || reconnectTimer_)
     return;
   const double delay = reconnectDelay(attempts_, random_(), minReconnectDelay_, maxReconnectDelay_);
-  reconnectTimer_ =
-      executor_->postAfter(seconds(delay), [self = shared_from_this()] { self->runReconnect(); });
+  reconnectTimer_ = schedule(delay, &CBORSocket::runReconnect);
   ++attempts_;
 }
 

@@ -73,10 +73,12 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   static constexpr double kPingInterval = 60.0;
   static constexpr double kPongTimeout = 10.0;
 
-  // Creates the socket and connects its first transport. Call on the main queue.
+  // Creates the socket and connects its first transport. Call on the main queue. Owners end it
+  // with disconnect(): a pending reconnect or pong deadline keeps it alive until then.
   static std::shared_ptr<CBORSocket> create(std::shared_ptr<QRVURLSession> session,
                                             RequestProvider request,
                                             Environment environment = {});
+  // Lets the transport go without telling the observers.
   ~CBORSocket();
   CBORSocket(const CBORSocket&) = delete;
   CBORSocket& operator=(const CBORSocket&) = delete;
@@ -118,7 +120,12 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
              Environment environment);
 
  private:
+  // A delayed work item: it holds the socket until it runs or is cancelled.
+  struct WorkItem;
+  std::shared_ptr<WorkItem> schedule(double delay, void (CBORSocket::*run)());
+
   void start();
+  void pongDeadlinePassed();
   std::shared_ptr<SocketTransport> createSocket(const QRVSocketRequest& request);
   void reconnect();
   void runReconnect();
@@ -134,8 +141,8 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   RequestProvider request_;
   std::int64_t attempts_ = 0;
   RepeatingTimer pingTimer_;
-  std::optional<TaskHandle> pongTimeout_;
-  std::optional<TaskHandle> reconnectTimer_;
+  std::shared_ptr<WorkItem> pongTimeout_;
+  std::shared_ptr<WorkItem> reconnectTimer_;
   std::uint64_t messageId_ = 0;
   std::uint64_t lastMessageAck_ = 0;
   CBORSocketMetrics metrics_;

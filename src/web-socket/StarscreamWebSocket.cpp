@@ -42,6 +42,9 @@ std::vector<std::uint8_t> closePayload(int code) {
   return {static_cast<std::uint8_t>(code >> 8), static_cast<std::uint8_t>(code)};
 }
 
+// For requests that carry no timeout of their own.
+constexpr double kDefaultTimeout = 10.0;
+
 WSError writeTimeout() {
   return WSError{WSError::ErrorType::writeTimeoutError,
                  "Timed out waiting for the socket to be ready for a write", 0};
@@ -56,6 +59,7 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
   std::shared_ptr<WSStream> stream;
   WSHandshakeInput input;
   bool respondToPing = true;
+  TaskHandle openDeadline;
 
   std::optional<WSHandshakeReader> handshake;
   WSFrameReader reader;
@@ -90,11 +94,13 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
 
   void streamDidEnd(std::optional<TransportError> error) override {
     ended = true;
+    openDeadline.cancel();
     if (auto o = owner.lock())
       o->connectionEnded(this, std::move(error));
   }
 
   void didUpgrade(WSHandshakeReader::Response response) {
+    openDeadline.cancel();
     handshake.reset();
     open = true;
     const WSCompressionConfig& c = response.compression;
@@ -218,6 +224,7 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
   void end(std::optional<TransportError> error, std::optional<int> sendClose) {
     if (ended)
       return;
+    openDeadline.cancel();
     if (sendClose && open && !closeSent) {
       send(OpCode::connectionClose, closePayload(*sendClose), nullptr);
       stream->write({}, {}, [stream = stream] { stream->close(); });
@@ -301,18 +308,21 @@ void StarscreamWebSocket::createHTTPRequest() {
       connection_->stream->close();
     connection_ = connection;
   }
-  const Duration timeout = request_.timeout;
+  const Duration timeout =
+      request_.timeout > Duration::zero() ? Duration(request_.timeout) : seconds(kDefaultTimeout);
+  // The budget covers the upgrade too: a server that accepts and never answers is given up.
+  // Armed before connecting, so that the stream's thread only ever sees it set.
+  connection->openDeadline =
+      callbackQueue->postAfter(timeout, [weak = std::weak_ptr<Connection>(connection)] {
+        if (auto c = weak.lock()) {
+          c->stream->post([c] {
+            if (!c->open)
+              c->end(writeTimeout(), std::nullopt);
+          });
+        }
+      });
   connection->stream->connect(WSStreamTarget{host, static_cast<std::uint16_t>(port), tls, timeout},
                               connection);
-  // The budget covers the upgrade too: a server that accepts and never answers is given up.
-  callbackQueue->postAfter(timeout, [weak = std::weak_ptr<Connection>(connection)] {
-    if (auto c = weak.lock()) {
-      c->stream->post([c] {
-        if (!c->open)
-          c->end(writeTimeout(), std::nullopt);
-      });
-    }
-  });
 }
 
 void StarscreamWebSocket::disconnect(std::optional<Duration> forceTimeout, int code) {

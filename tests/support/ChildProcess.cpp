@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +18,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv,
     return;
   pid_ = fork();
   if (pid_ == 0) {
+    // Goes with the test process, even when that is killed.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     dup2(fds[1], STDOUT_FILENO);
     if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0)
       _exit(127);

@@ -30,7 +30,8 @@ struct SessionBase {
   virtual void drop() = 0;
 };
 
-struct WsTestServer::Impl : std::enable_shared_from_this<Impl> {
+// Sessions and handlers point at it plainly: it outlives the thread that runs them.
+struct WsTestServer::Impl {
   explicit Impl(WsServerOptions o) : options(std::move(o)), acceptor(io) {}
 
   WsServerOptions options;
@@ -50,11 +51,11 @@ struct WsTestServer::Impl : std::enable_shared_from_this<Impl> {
   std::atomic<bool> lastDeflate{false};
 
   void accept() {
-    acceptor.async_accept([self = shared_from_this()](const error_code& ec, tcp::socket socket) {
+    acceptor.async_accept([this](const error_code& ec, tcp::socket socket) {
       if (ec)
         return;
-      self->start(std::move(socket));
-      self->accept();
+      start(std::move(socket));
+      accept();
     });
   }
 
@@ -79,8 +80,8 @@ namespace {
 template <typename Next>
 class Session final : public SessionBase, public std::enable_shared_from_this<Session<Next>> {
  public:
-  Session(std::shared_ptr<WsTestServer::Impl> server, websocket::stream<Next> ws)
-      : server_(std::move(server)), ws_(std::move(ws)) {}
+  Session(WsTestServer::Impl* server, websocket::stream<Next> ws)
+      : server_(server), ws_(std::move(ws)) {}
 
   void run() {
     http::async_read(beast::get_lowest_layer(ws_).socket(), buffer_, request_,
@@ -206,7 +207,7 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
                     });
   }
 
-  std::shared_ptr<WsTestServer::Impl> server_;
+  WsTestServer::Impl* server_;
   websocket::stream<Next> ws_;
   beast::flat_buffer buffer_;
   beast::flat_buffer in_;
@@ -221,8 +222,8 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
 void WsTestServer::Impl::start(tcp::socket socket) {
   if (tls) {
     auto session = std::make_shared<Session<beast::ssl_stream<beast::tcp_stream>>>(
-        shared_from_this(), websocket::stream<beast::ssl_stream<beast::tcp_stream>>(
-                                beast::tcp_stream(std::move(socket)), *tls));
+        this, websocket::stream<beast::ssl_stream<beast::tcp_stream>>(
+                  beast::tcp_stream(std::move(socket)), *tls));
     {
       std::lock_guard lock(mutex);
       sessions.push_back(session);
@@ -230,7 +231,7 @@ void WsTestServer::Impl::start(tcp::socket socket) {
     session->runTLS();
   } else {
     auto session = std::make_shared<Session<beast::tcp_stream>>(
-        shared_from_this(), websocket::stream<beast::tcp_stream>(std::move(socket)));
+        this, websocket::stream<beast::tcp_stream>(std::move(socket)));
     {
       std::lock_guard lock(mutex);
       sessions.push_back(session);
@@ -253,7 +254,7 @@ WsTestServer::WsTestServer(WsServerOptions options)
   impl_->acceptor.listen();
   impl_->port = impl_->acceptor.local_endpoint().port();
   impl_->accept();
-  impl_->thread = std::thread([impl = impl_] { impl->io.run(); });
+  impl_->thread = std::thread([impl = impl_.get()] { impl->io.run(); });
 }
 
 WsTestServer::~WsTestServer() {

@@ -86,7 +86,14 @@ class CBORSocketTest : public ::testing::Test {
       ++requests;
       return QRVSocketRequest{*QRVURL::parse("ws://127.0.0.1:1/sockets/1/ws"), {}, {}};
     };
-    return CBORSocket::create(nullptr, provider, env);
+    sockets.push_back(CBORSocket::create(nullptr, provider, env));
+    return sockets.back();
+  }
+
+  // A pending reconnect keeps a socket alive until its owner disconnects it.
+  void TearDown() override {
+    for (auto& s : sockets)
+      s->disconnect();
   }
 
   FakeTransport& last() { return *transports.back(); }
@@ -102,6 +109,7 @@ class CBORSocketTest : public ::testing::Test {
   test::ScopedManualMainQueue main;
   std::deque<std::uint32_t> randoms;
   std::vector<std::shared_ptr<FakeTransport>> transports;
+  std::vector<std::shared_ptr<CBORSocket>> sockets;
   int requests = 0;
 };
 

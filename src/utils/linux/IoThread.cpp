@@ -1,23 +1,25 @@
 #include "utils/linux/IoThread.h"
 
 #include <future>
-#include <mutex>
 
 #include <boost/asio/executor_work_guard.hpp>
 
+#include <openssl/ssl.h>
 #include <pthread.h>
 
 namespace quorvix {
 
 std::shared_ptr<IoThread> IoThread::shared() {
-  static std::mutex mutex;
-  static std::weak_ptr<IoThread> current;
-  std::lock_guard lock(mutex);
-  auto thread = current.lock();
-  if (!thread) {
-    thread = std::make_shared<IoThread>("quorvix-net");
-    current = thread;
-  }
+  // Started on first use and joined at exit. Connections also hold it, but the last release
+  // never falls to a handler on the thread itself, which could only detach it while the
+  // process tears down around it.
+  //
+  // OpenSSL goes first, so that its exit-time cleanup runs after this thread has been joined
+  // and has let go of its per-thread state.
+  static const auto thread = [] {
+    OPENSSL_init_ssl(0, nullptr);
+    return std::make_shared<IoThread>("quorvix-net");
+  }();
   return thread;
 }
 

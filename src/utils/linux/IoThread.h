@@ -11,7 +11,7 @@ namespace quorvix {
 
 class IoThread {
  public:
-  // The process's I/O thread, started on first use and stopped when its last holder lets go.
+  // The process's I/O thread, started on first use.
   static std::shared_ptr<IoThread> shared();
 
   explicit IoThread(const char* name);

@@ -44,6 +44,8 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
         io_(thread_->context()),
         resolver_(io_),
         request_(request),
+        timeout_(request.timeout > std::chrono::milliseconds::zero() ? request.timeout
+                                                                     : std::chrono::seconds(10)),
         state_(std::move(state)) {}
 
   void start() {
@@ -130,7 +132,7 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
   void connectTo(const tcp::resolver::results_type& results) {
     with([&](auto& ws) {
       auto& tcpStream = beast::get_lowest_layer(ws);
-      tcpStream.expires_after(request_.timeout);
+      tcpStream.expires_after(timeout_);
       tcpStream.async_connect(
           results, [self = shared_from_this()](const error_code& ec, const tcp::endpoint&) {
             if (ec)
@@ -167,7 +169,7 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
     with([&](auto& ws) {
       beast::get_lowest_layer(ws).expires_never();
       websocket::stream_base::timeout timeout{};
-      timeout.handshake_timeout = request_.timeout;
+      timeout.handshake_timeout = timeout_;
       timeout.idle_timeout = websocket::stream_base::none();
       timeout.keep_alive_pings = false;
       ws.set_option(timeout);
@@ -356,6 +358,7 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
   asio::io_context& io_;
   tcp::resolver resolver_;
   const QRVSocketRequest request_;
+  const std::chrono::milliseconds timeout_;
   std::weak_ptr<State> state_;
   std::optional<asio::ssl::context> context_;
   std::optional<websocket::stream<beast::tcp_stream>> plain_;
