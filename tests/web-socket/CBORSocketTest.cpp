@@ -111,6 +111,9 @@ class CBORSocketTest : public ::testing::Test {
   std::vector<std::shared_ptr<FakeTransport>> transports;
   std::vector<std::shared_ptr<CBORSocket>> sockets;
   int requests = 0;
+  // What observers saw. Members, since TearDown's disconnect still reaches the observers.
+  int disconnects = 0;
+  std::vector<std::optional<QRVError>> seen;
 };
 
 TEST(CBORSocketDelayTest, FollowsTheBackoffTableWithinItsClamps) {
@@ -187,8 +190,7 @@ TEST_F(CBORSocketTest, GrowsTheBackoffUntilDataArrives) {
 TEST_F(CBORSocketTest, PingsEveryMinuteAndRebuildsASilentConnectionOnce) {
   auto socket = make();
   last().open();
-  int disconnects = 0;
-  socket->onDisconnect([&](const std::optional<QRVError>&) { ++disconnects; });
+  socket->onDisconnect([this](const std::optional<QRVError>&) { ++disconnects; });
 
   // A pong in time cancels the deadline.
   main->advanceSeconds(60.0);
@@ -258,8 +260,7 @@ TEST_F(CBORSocketTest, HandsEventsToListenersAndReadsAcks) {
 
 TEST_F(CBORSocketTest, NormalisesClientErrorsAndPassesOthersOn) {
   auto socket = make();
-  std::vector<std::optional<QRVError>> seen;
-  socket->onDisconnect([&](const std::optional<QRVError>& e) { seen.push_back(e); });
+  socket->onDisconnect([this](const std::optional<QRVError>& e) { seen.push_back(e); });
   last().drop(WSError{WSError::ErrorType::upgradeError, "Invalid HTTP upgrade", 401});
   main->advance(*main->nextDelay());
   last().drop(QRVError("URLSessionWebSocketTask", 4001, "3 bytes"));
