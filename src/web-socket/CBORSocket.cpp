@@ -444,7 +444,6 @@ void CBORSocket::disconnect() {
     if (reconnectTimer_)
       reconnectTimer_->cancel();
     transport = std::move(socket_);
-    socket_.reset();
     request_ = nullptr;
   }
   pingTimer_.stop();

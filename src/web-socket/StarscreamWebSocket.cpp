@@ -4,7 +4,6 @@
 
 #include "cbor/CBORDecoder.h"
 #include "utils/Logging.h"
-#include "utils/Strings.h"
 #include "web-socket/WSCompression.h"
 #include "web-socket/WSHandshake.h"
 
@@ -44,11 +43,6 @@ std::vector<std::uint8_t> closePayload(int code) {
 
 // For requests that carry no timeout of their own.
 constexpr double kDefaultTimeout = 10.0;
-
-WSError writeTimeout() {
-  return WSError{WSError::ErrorType::writeTimeoutError,
-                 "Timed out waiting for the socket to be ready for a write", 0};
-}
 
 }  // namespace
 
@@ -274,26 +268,15 @@ bool StarscreamWebSocket::beginConnecting() {
 }
 
 void StarscreamWebSocket::createHTTPRequest() {
-  const QRVURL& url = request_.url;
-  const std::string scheme = asciiLower(url.scheme().value_or(""));
-  const bool tls = scheme == "wss" || scheme == "https";
-  const unsigned port = url.port().value_or(tls ? 443 : 80);
-  std::string host = url.host();
-  const bool ipv6 = host.find(':') != std::string::npos;
-  std::string authority = ipv6 ? "[" + host + "]" : host;
-  if (!url.usesDefaultPort())
-    authority += ":" + std::to_string(port);
-
+  const WSEndpoint endpoint = wsEndpoint(request_.url);
   auto connection = std::make_shared<Connection>();
   connection->owner = weak_from_this();
   connection->stream = streamFactory_();
   connection->respondToPing = respondToPingWithPong;
   WSHandshakeInput& input = connection->input;
-  input.resource = url.path().empty() ? "/" : url.path();
-  if (url.query())
-    input.resource += "?" + *url.query();
-  input.host = authority;
-  input.origin = std::string(tls ? "https" : "http") + "://" + authority;
+  input.resource = endpoint.resource;
+  input.host = endpoint.authority;
+  input.origin = std::string(endpoint.tls ? "https" : "http") + "://" + endpoint.authority;
   input.headers = request_.headers;
   if (!protocols_.empty()) {
     std::string joined;
@@ -317,11 +300,11 @@ void StarscreamWebSocket::createHTTPRequest() {
         if (auto c = weak.lock()) {
           c->stream->post([c] {
             if (!c->open)
-              c->end(writeTimeout(), std::nullopt);
+              c->end(writeTimeoutError(), std::nullopt);
           });
         }
       });
-  connection->stream->connect(WSStreamTarget{host, static_cast<std::uint16_t>(port), tls, timeout},
+  connection->stream->connect(WSStreamTarget{endpoint.host, endpoint.port, endpoint.tls, timeout},
                               connection);
 }
 

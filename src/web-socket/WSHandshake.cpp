@@ -48,6 +48,21 @@ WSError upgradeError(int code) {
 
 }  // namespace
 
+WSEndpoint wsEndpoint(const QRVURL& url) {
+  WSEndpoint e;
+  const std::string scheme = asciiLower(url.scheme().value_or(""));
+  e.tls = scheme == "wss" || scheme == "https";
+  e.port = static_cast<std::uint16_t>(url.port().value_or(e.tls ? 443 : 80));
+  e.host = url.host();
+  e.authority = e.host.find(':') != std::string::npos ? "[" + e.host + "]" : e.host;
+  if (!url.usesDefaultPort())
+    e.authority += ":" + std::to_string(e.port);
+  e.resource = url.path().empty() ? "/" : url.path();
+  if (url.query())
+    e.resource += "?" + *url.query();
+  return e;
+}
+
 std::string webSocketKey(const std::array<std::uint8_t, 16>& nonce) {
   return base64(nonce.data(), nonce.size());
 }

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/QRVURL.h"
 #include "web-socket/WSFraming.h"
 
 namespace quorvix {
@@ -26,6 +27,16 @@ struct WSCompressionConfig {
   bool clientNoContextTakeover = false;
   bool serverNoContextTakeover = false;
 };
+
+// Where a socket request's URL points, in the forms the connection and the upgrade need.
+struct WSEndpoint {
+  std::string host;        // without IPv6 brackets, for resolving and certificate checks
+  std::uint16_t port = 0;  // explicit, or the scheme's default
+  bool tls = false;        // wss or https
+  std::string authority;   // the Host value: brackets, and ":port" unless it is the default
+  std::string resource;    // path and query, "/" at least
+};
+WSEndpoint wsEndpoint(const QRVURL& url);
 
 struct WSHandshakeInput {
   std::string resource;  // path and query, e.g. "/sockets/1/ws?x=1"

@@ -20,8 +20,14 @@ namespace quorvix {
 // Why a connection ended: the client's own error, or one from the system or TLS library.
 using TransportError = std::variant<WSError, QRVError>;
 
+// The stream's budget ran out: connecting, upgrading, or waiting for room to write.
+inline WSError writeTimeoutError() {
+  return WSError{WSError::ErrorType::writeTimeoutError,
+                 "Timed out waiting for the socket to be ready for a write", 0};
+}
+
 struct WSStreamTarget {
-  std::string host;
+  std::string host;  // without IPv6 brackets
   std::uint16_t port = 0;
   bool tls = false;
   // The connect budget, and the longest a write may wait for the socket to take more bytes.

@@ -1,13 +1,24 @@
 // Small helpers shared by the tests.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 namespace quorvix::test {
+
+// Bytes 0, 1, ... 250, 0, 1, ...: a payload whose every position is checked, as the interop peer
+// makes it too.
+inline std::vector<std::uint8_t> pattern(std::size_t n) {
+  std::vector<std::uint8_t> out(n);
+  for (std::size_t i = 0; i < n; ++i)
+    out[i] = static_cast<std::uint8_t>(i % 251);
+  return out;
+}
 
 // Records the calls of a completion so that a test can insist on exactly one.
 template <typename... Args>

@@ -14,6 +14,8 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
+#include "utils/Strings.h"
+
 namespace quorvix::test {
 
 namespace asio = boost::asio;
@@ -83,14 +85,6 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
   Session(WsTestServer::Impl* server, websocket::stream<Next> ws)
       : server_(server), ws_(std::move(ws)) {}
 
-  void run() {
-    http::async_read(beast::get_lowest_layer(ws_).socket(), buffer_, request_,
-                     [self = this->shared_from_this()](const error_code& ec, std::size_t) {
-                       if (!ec)
-                         self->upgrade();
-                     });
-  }
-
   void runTLS() {
     ws_.next_layer().async_handshake(asio::ssl::stream_base::server,
                                      [self = this->shared_from_this()](const error_code& ec) {
@@ -128,7 +122,8 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
     const auto& o = server_->options;
     std::map<std::string, std::string> headers;
     for (const auto& field : request_)
-      headers[lower(field.name_string())] = std::string(field.value());
+      headers[asciiLower(std::string_view(
+          field.name_string().data(), field.name_string().size()))] = std::string(field.value());
     {
       std::lock_guard lock(server_->mutex);
       server_->headers.push_back(headers);
@@ -162,13 +157,6 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
       if (self->server_->options.mode != WsServerOptions::Mode::mute)
         self->read();
     });
-  }
-
-  static std::string lower(beast::string_view s) {
-    std::string out(s);
-    for (auto& c : out)
-      c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
   }
 
   void read() {
@@ -236,7 +224,7 @@ void WsTestServer::Impl::start(tcp::socket socket) {
       std::lock_guard lock(mutex);
       sessions.push_back(session);
     }
-    session->run();
+    session->readRequest();
   }
 }
 

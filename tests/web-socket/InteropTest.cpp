@@ -6,10 +6,13 @@
 
 #include "../support/ChildProcess.h"
 #include "../support/ManualExecutor.h"
+#include "../support/TestUtil.h"
 #include "web-socket/StarscreamWebSocket.h"
 
 namespace quorvix {
 namespace {
+
+using test::pattern;
 
 struct Events {
   std::mutex mutex;
@@ -80,13 +83,6 @@ class InteropTest : public ::testing::Test {
     client_->write("cmd:" + json);
     EXPECT_TRUE(wait([&](Events& e) { return e.texts.size() > before; }));
     return events_->texts.back();
-  }
-
-  static std::vector<std::uint8_t> pattern(std::size_t n) {
-    std::vector<std::uint8_t> out(n);
-    for (std::size_t i = 0; i < n; ++i)
-      out[i] = static_cast<std::uint8_t>(i % 251);
-    return out;
   }
 
   test::ScopedManualMainQueue main_;

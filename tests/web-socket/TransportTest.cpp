@@ -6,6 +6,7 @@
 
 #include "../support/ManualExecutor.h"
 #include "../support/TestCertificates.h"
+#include "../support/TestUtil.h"
 #include "../support/WsTestServer.h"
 #include "cbor/CBORDecoder.h"
 #include "quorvix/CBOR.h"
@@ -18,6 +19,7 @@
 namespace quorvix {
 namespace {
 
+using test::pattern;
 using test::WsServerOptions;
 using test::WsTestServer;
 
@@ -91,13 +93,6 @@ class TransportTest : public ::testing::TestWithParam<WebsocketMethod> {
   test::ScopedManualMainQueue main;
   std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
 };
-
-std::vector<std::uint8_t> pattern(std::size_t n) {
-  std::vector<std::uint8_t> out(n);
-  for (std::size_t i = 0; i < n; ++i)
-    out[i] = static_cast<std::uint8_t>(i % 251);
-  return out;
-}
 
 TEST_P(TransportTest, EchoesBinaryMessagesWithAndWithoutCompression) {
   for (bool deflate : {false, true}) {

@@ -11,8 +11,8 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
-#include "utils/Strings.h"
 #include "utils/linux/IoThread.h"
+#include "web-socket/WSHandshake.h"
 #include "web-socket/linux/TLS.h"
 
 namespace quorvix {
@@ -44,6 +44,7 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
         io_(thread_->context()),
         resolver_(io_),
         request_(request),
+        endpoint_(wsEndpoint(request.url)),
         timeout_(request.timeout > std::chrono::milliseconds::zero() ? request.timeout
                                                                      : std::chrono::seconds(10)),
         state_(std::move(state)) {}
@@ -98,30 +99,19 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
   void resolve() {
     if (cancelled_)
       return;
-    const QRVURL& url = request_.url;
-    const std::string scheme = asciiLower(url.scheme().value_or(""));
-    secure_ = scheme == "wss" || scheme == "https";
-    host_ = url.host();
-    const unsigned port = url.port().value_or(secure_ ? 443 : 80);
-    authority_ = host_.find(':') != std::string::npos ? "[" + host_ + "]" : host_;
-    if (!url.usesDefaultPort())
-      authority_ += ":" + std::to_string(port);
-    target_ = url.path().empty() ? "/" : url.path();
-    if (url.query())
-      target_ += "?" + *url.query();
-    if (secure_) {
+    if (endpoint_.tls) {
       QRVError error("", 0);
       context_ = makeClientTLSContext(&error);
       if (!context_)
         return finish(error);
       tls_.emplace(io_, *context_);
-      if (!prepareClientTLS(tls_->next_layer().native_handle(), host_))
+      if (!prepareClientTLS(tls_->next_layer().native_handle(), endpoint_.host))
         return finish(QRVError("TLS", 0, "cannot set the host name to verify"));
     } else {
       plain_.emplace(io_);
     }
     resolver_.async_resolve(
-        host_, std::to_string(port),
+        endpoint_.host, std::to_string(endpoint_.port),
         [self = shared_from_this()](const error_code& ec, tcp::resolver::results_type results) {
           if (ec)
             return self->finish(systemError(ec));
@@ -189,17 +179,18 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
               if (auto self = weak.lock())
                 self->pongArrived();
           });
-      ws.async_handshake(
-          response_, authority_, target_, [self = shared_from_this()](const error_code& ec) {
-            if (!ec)
-              return self->opened();
-            QRVError error = systemError(ec);
-            if (ec == websocket::error::upgrade_declined)
-              error = QRVError(
-                  error.domain(), error.code(),
-                  error.message() + " (HTTP " + std::to_string(self->response_.result_int()) + ")");
-            self->finish(error);
-          });
+      ws.async_handshake(response_, endpoint_.authority, endpoint_.resource,
+                         [self = shared_from_this()](const error_code& ec) {
+                           if (!ec)
+                             return self->opened();
+                           QRVError error = systemError(ec);
+                           if (ec == websocket::error::upgrade_declined)
+                             error =
+                                 QRVError(error.domain(), error.code(),
+                                          error.message() + " (HTTP " +
+                                              std::to_string(self->response_.result_int()) + ")");
+                           self->finish(error);
+                         });
     });
   }
 
@@ -358,6 +349,7 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
   asio::io_context& io_;
   tcp::resolver resolver_;
   const QRVSocketRequest request_;
+  const WSEndpoint endpoint_;
   const std::chrono::milliseconds timeout_;
   std::weak_ptr<State> state_;
   std::optional<asio::ssl::context> context_;
@@ -368,8 +360,6 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
   std::deque<Op> writes_;
   std::optional<Op> inFlight_;
   std::deque<Completion> pongWaiters_;
-  std::string host_, authority_, target_;
-  bool secure_ = false;
   bool open_ = false;
   bool writing_ = false;
   bool deliver_ = true;

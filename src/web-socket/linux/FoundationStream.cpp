@@ -21,12 +21,7 @@ namespace asio = boost::asio;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 
-constexpr const char* kWriteTimeout = "Timed out waiting for the socket to be ready for a write";
 constexpr std::size_t kBufferMax = 4096;
-
-WSError writeTimeout() {
-  return WSError{WSError::ErrorType::writeTimeoutError, kWriteTimeout, 0};
-}
 
 class FoundationStream final : public WSStream,
                                public std::enable_shared_from_this<FoundationStream> {
@@ -82,23 +77,18 @@ class FoundationStream final : public WSStream,
       return;
     delegate_ = std::move(delegate);
     timeout_ = target.timeout;
-    host_ = target.host;
     if (target.tls) {
       QRVError error("", 0);
       context_ = makeClientTLSContext(&error);
       if (!context_)
         return fail(error);
       tls_.emplace(socket_, *context_);
-      if (!prepareClientTLS(tls_->native_handle(), host_))
+      if (!prepareClientTLS(tls_->native_handle(), target.host))
         return fail(QRVError("TLS", 0, "cannot set the host name to verify"));
     }
-    armDeadline([](FoundationStream& s) { s.fail(writeTimeout()); });
-    // Resolver results may come as "[::1]" style literals: Asio wants them bare.
-    std::string host = host_;
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-      host = host.substr(1, host.size() - 2);
+    armDeadline([](FoundationStream& s) { s.fail(writeTimeoutError()); });
     resolver_.async_resolve(
-        host, std::to_string(target.port),
+        target.host, std::to_string(target.port),
         [self = shared_from_this()](const error_code& ec, tcp::resolver::results_type results) {
           if (self->closed_)
             return;
@@ -157,7 +147,7 @@ class FoundationStream final : public WSStream,
         return;
     }
     if (ec && timedOut_)
-      return end(writeTimeout());
+      return end(writeTimeoutError());
     if (ec == asio::error::eof || ec == asio::ssl::error::stream_truncated)
       return end(std::nullopt);
     if (ec)
@@ -171,23 +161,15 @@ class FoundationStream final : public WSStream,
     writing_ = true;
     PendingWrite& w = writes_.front();
     progress_ = 0;
-    armDeadline([](FoundationStream& s) {
-      s.timedOut_ = true;
-      error_code ignored;
-      s.socket_.cancel(ignored);
-    });
+    armWriteDeadline();
     const std::array<asio::const_buffer, 2> buffers{asio::buffer(w.head), asio::buffer(w.body)};
     auto progress = [self = shared_from_this()](const error_code& ec, std::size_t sent) {
       // Each time bytes go out, the socket had room: the budget starts again.
       if (!ec && sent > self->progress_) {
         self->progress_ = sent;
-        self->armDeadline([](FoundationStream& s) {
-          s.timedOut_ = true;
-          error_code ignored;
-          s.socket_.cancel(ignored);
-        });
+        self->armWriteDeadline();
       }
-      return ec ? 0 : asio::transfer_all()(ec, sent);
+      return asio::transfer_all()(ec, sent);
     };
     withStream([&](auto& stream) {
       asio::async_write(
@@ -204,12 +186,21 @@ class FoundationStream final : public WSStream,
     PendingWrite w = std::move(writes_.front());
     writes_.pop_front();
     if (ec)
-      return end(timedOut_ ? writeTimeout()
+      return end(timedOut_ ? writeTimeoutError()
                            : WSError{WSError::ErrorType::outputStreamWriteError,
                                      "output stream had an error during write", ec.value()});
     if (w.done)
       w.done();
     pumpWrites();
+  }
+
+  // No room for the whole budget: the write is cancelled and reported as timed out.
+  void armWriteDeadline() {
+    armDeadline([](FoundationStream& s) {
+      s.timedOut_ = true;
+      error_code ignored;
+      s.socket_.cancel(ignored);
+    });
   }
 
   template <typename OnExpiry>
@@ -253,7 +244,6 @@ class FoundationStream final : public WSStream,
   std::optional<asio::ssl::stream<tcp::socket&>> tls_;
   asio::steady_timer deadline_;
   std::weak_ptr<WSStreamDelegate> delegate_;
-  std::string host_;
   Duration timeout_ = seconds(10.0);
   std::array<std::uint8_t, kBufferMax> readBuffer_{};
   std::deque<PendingWrite> writes_;
