@@ -17,6 +17,9 @@ struct QRVBundle {
   std::string displayName;   // name shown to the user in prompts
   std::string shortVersion;  // marketing version, e.g. "2.4"
   std::string version;       // build version, used in "User-Agent"
+  // The vendor's team: the keychain items the host shares with its extensions are grouped under
+  // it. Dots are not allowed (they are replaced). Empty: one team per user.
+  std::string teamIdentifier;
   // Host settings such as "QRVWebSocketMethod" and "QRVBroadcastExtension".
   std::map<std::string, Value, std::less<>> settings;
 

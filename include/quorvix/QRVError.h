@@ -23,9 +23,14 @@ class QRVError {
   // The localized description.
   const std::string& message() const { return message_; }
 
+  // "domain code: message", for log lines.
+  std::string description() const {
+    return domain_ + " " + std::to_string(code_) + ": " + message_;
+  }
+
   friend bool operator==(const QRVError&, const QRVError&) = default;
   friend std::ostream& operator<<(std::ostream& os, const QRVError& e) {
-    return os << e.domain_ << " " << e.code_ << ": " << e.message_;
+    return os << e.description();
   }
 
  private:

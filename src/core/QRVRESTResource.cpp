@@ -67,6 +67,13 @@ void QRVRESTResource::setHeaders(const QRVHeaders& headers) {
     headers_[name] = value;
 }
 
+std::optional<std::string> QRVRESTResource::instanceHeader(const std::string& name) const {
+  auto it = headers_.find(name);
+  if (it == headers_.end())
+    return std::nullopt;
+  return it->second;
+}
+
 QRVHeaders QRVRESTResource::headers() const {
   QRVHeaders merged = staticHeaders();
   for (const auto& [name, value] : headers_)

@@ -51,8 +51,10 @@ class QRVRESTResource : public std::enable_shared_from_this<QRVRESTResource> {
   // Instance headers, on top of the static ones.
   void setHeaders(const QRVHeaders& headers);
   QRVHeaders headers() const;
+  // One instance header, without the static ones.
+  std::optional<std::string> instanceHeader(const std::string& name) const;
 
-  void cleanup() { resource_.clear(); }
+  virtual void cleanup() { resource_.clear(); }
 
   void fetch(Callback callback);
   void create(Value body, Callback callback);

@@ -1,5 +1,6 @@
 #include "web-socket/WSHandshake.h"
 
+#include "utils/Base64.h"
 #include "utils/Strings.h"
 
 #include <algorithm>
@@ -18,14 +19,6 @@ std::string_view trim(std::string_view s) {
   while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
     s.remove_suffix(1);
   return s;
-}
-
-std::string base64(const unsigned char* data, std::size_t n) {
-  std::string out(4 * ((n + 2) / 3), '\0');
-  int written =
-      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data, static_cast<int>(n));
-  out.resize(static_cast<std::size_t>(written));
-  return out;
 }
 
 // Comma-separated tokens of a header value, each compared without regard to case.
@@ -64,14 +57,14 @@ WSEndpoint wsEndpoint(const QRVURL& url) {
 }
 
 std::string webSocketKey(const std::array<std::uint8_t, 16>& nonce) {
-  return base64(nonce.data(), nonce.size());
+  return base64Encode(nonce.data(), nonce.size());
 }
 
 std::string webSocketAccept(const std::string& key) {
   std::string text = key + kWSGuid;
   unsigned char digest[SHA_DIGEST_LENGTH];
   SHA1(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
-  return base64(digest, sizeof digest);
+  return base64Encode(digest, sizeof digest);
 }
 
 std::string buildHandshake(const WSHandshakeInput& input, const std::string& key) {
