@@ -90,7 +90,8 @@ std::optional<std::string> QRVSystemInfo::localeFromEnvironment(
   }
   if (chosen.empty())
     return std::nullopt;
-  if (chosen != "C" && chosen != "POSIX") {
+  const std::string_view base = chosen.substr(0, chosen.find_first_of(".@"));
+  if (base != "C" && base != "POSIX") {
     if (const char* language = getenv("LANGUAGE"); language && *language) {
       std::string_view list = language;
       std::string_view first = list.substr(0, list.find(':'));

@@ -167,14 +167,16 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
       server.messages++;
       server.bytes += n;
       const bool binary = self->ws_.got_binary();
-      if (server.options.mode == WsServerOptions::Mode::echo) {
+      const auto mode = server.options.mode;
+      if (mode == WsServerOptions::Mode::echo || mode == WsServerOptions::Mode::record) {
         const auto* p = static_cast<const std::uint8_t*>(self->in_.cdata().data());
         std::vector<std::uint8_t> data(p, p + self->in_.size());
         {
           std::lock_guard lock(server.mutex);
           server.received.push_back({binary, data});
         }
-        self->send(std::make_shared<const std::vector<std::uint8_t>>(std::move(data)), binary);
+        if (mode == WsServerOptions::Mode::echo)
+          self->send(std::make_shared<const std::vector<std::uint8_t>>(std::move(data)), binary);
       }
       self->in_.clear();
       self->read();

@@ -1,6 +1,7 @@
 // A WebSocket server on 127.0.0.1 inside the test process, on Boost.Beast: plain or TLS, with or
-// without permessage-deflate. It echoes, swallows, or never reads (so pings go unanswered),
-// records what it gets, and can push messages, close, or drop its connections on request.
+// without permessage-deflate. It echoes, records, swallows, or never reads (so pings go
+// unanswered), records what it gets, and can push messages, close, or drop its connections on
+// request.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,8 @@
 namespace quorvix::test {
 
 struct WsServerOptions {
-  enum class Mode { echo, sink, mute };
+  // echo: records and sends back; record: records only; sink: counts only; mute: never reads.
+  enum class Mode { echo, record, sink, mute };
   Mode mode = Mode::echo;
   bool deflate = false;
   bool serverNoContextTakeover = false;
