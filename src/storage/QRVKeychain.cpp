@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "cbor/CBORDecoder.h"
 #include "quorvix/QRVBundle.h"
 #include "utils/Logging.h"
 
@@ -126,8 +127,14 @@ std::optional<std::string> QRVKeychain::getValue(const std::string& key,
   const KeychainStatus status = store()->copyMatching(queryForKey(key, group), true, found);
   switch (status) {
     case st::kSuccess:
-      if (!found.data)
+      if (!found.data) {
         logger()->error("Keychain item was missing data");
+        return std::nullopt;
+      }
+      // Bytes that are not UTF-8 are no text this library wrote.
+      if (!isValidUTF8({reinterpret_cast<const std::uint8_t*>(found.data->data()),
+                        found.data->size()}))
+        return std::nullopt;
       return found.data;
     case st::kItemNotFound:
       return std::nullopt;

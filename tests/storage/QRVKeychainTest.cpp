@@ -98,6 +98,9 @@ TEST_F(QRVKeychainTest, ReadFailuresGiveNothingWithTheirLogLines) {
   EXPECT_EQ(QRVKeychain::getValue("empty", "G"), std::nullopt);
   EXPECT_TRUE(log.contains(LogLevel::error, "Keychain item was missing data"));
 
+  store->items.push_back({"latin1", "latin1", "G", "caf\xe9"});
+  EXPECT_EQ(QRVKeychain::getValue("latin1", "G"), std::nullopt) << "not UTF-8";
+
   log.clear();
   EXPECT_EQ(QRVKeychain::getValue("absent", "G"), std::nullopt);
   EXPECT_TRUE(log.messages(LogLevel::error).empty()) << "not found is silent";
