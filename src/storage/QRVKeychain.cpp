@@ -132,8 +132,8 @@ std::optional<std::string> QRVKeychain::getValue(const std::string& key,
         return std::nullopt;
       }
       // Bytes that are not UTF-8 are no text this library wrote.
-      if (!isValidUTF8({reinterpret_cast<const std::uint8_t*>(found.data->data()),
-                        found.data->size()}))
+      if (!isValidUTF8(
+              {reinterpret_cast<const std::uint8_t*>(found.data->data()), found.data->size()}))
         return std::nullopt;
       return found.data;
     case st::kItemNotFound:

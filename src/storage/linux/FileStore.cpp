@@ -159,31 +159,35 @@ class FileStore final : public KeychainStore {
   }
 
   KeychainStatus add(const KeychainItem& item, KeychainItem* added) override {
-    std::lock_guard guard(mutex_);
-    Fd lock;
-    if (KeychainStatus status = open(LOCK_EX, lock))
-      return status;
-    std::vector<KeychainItem> items;
-    if (!loadForWrite(items))
-      return st::kIO;
     KeychainItem stored = item;
     if (!stored.accessGroup)
       stored.accessGroup = defaultGroup_();
-    for (const auto& existing : items)
-      if (existing.account == stored.account && existing.service == stored.service &&
-          existing.accessGroup == stored.accessGroup)
-        return st::kDuplicateItem;
-    items.push_back(stored);
-    if (!save(items))
-      return st::kIO;
-    if (added) {
+    KeychainStatus status = change([&](std::vector<KeychainItem>& items) {
+      for (const auto& existing : items)
+        if (existing.account == stored.account && existing.service == stored.service &&
+            existing.accessGroup == stored.accessGroup)
+          return st::kDuplicateItem;
+      items.push_back(stored);
+      return st::kSuccess;
+    });
+    if (status == st::kSuccess && added) {
       *added = std::move(stored);
       added->data.reset();
     }
-    return st::kSuccess;
+    return status;
   }
 
   KeychainStatus remove(const KeychainQuery& query) override {
+    return change([&](std::vector<KeychainItem>& items) {
+      auto removed = std::erase_if(items, [&](const auto& item) { return matches(item, query); });
+      return removed ? st::kSuccess : st::kItemNotFound;
+    });
+  }
+
+ private:
+  // Applies `edit` to the items under the exclusive lock, and saves them when it succeeds.
+  template <typename Edit>
+  KeychainStatus change(Edit edit) {
     std::lock_guard guard(mutex_);
     Fd lock;
     if (KeychainStatus status = open(LOCK_EX, lock))
@@ -191,13 +195,11 @@ class FileStore final : public KeychainStore {
     std::vector<KeychainItem> items;
     if (!loadForWrite(items))
       return st::kIO;
-    auto removed = std::erase_if(items, [&](const auto& item) { return matches(item, query); });
-    if (removed == 0)
-      return st::kItemNotFound;
+    if (KeychainStatus status = edit(items))
+      return status;
     return save(items) ? st::kSuccess : st::kIO;
   }
 
- private:
   // Makes the directory (0700, ours alone) and takes the lock file.
   KeychainStatus open(int operation, Fd& lock) {
     if (!prepareDirectory())
