@@ -138,6 +138,8 @@ void QRVDevice::loop(std::int64_t attempt, std::uint64_t generation) {
         double delay = error ? failureDelay(attempt) : double(device->registrationInterval());
         if (delay == 0)
           delay = kDefaultRegistrationInterval;
+        // Beyond what the clock can count in nanoseconds; a service asking for more gets decades.
+        delay = std::min(delay, kMaxRegistrationInterval);
         const std::int64_t next = error ? attempt + 1 : 0;
         std::weak_ptr<QRVDevice> weak = device;
         device->nextRegistration_ =

@@ -26,6 +26,7 @@ class QRVDevice : public QRVRESTResource {
 
   static constexpr double kDefaultRegistrationInterval = 3600;
   static constexpr double kMaxNotificationReconnectDelay = 60;
+  static constexpr double kMaxRegistrationInterval = 1e9;
 
   // What the device runs on; left empty, the main queue and the notification socket's defaults.
   struct Environment {

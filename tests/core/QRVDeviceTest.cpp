@@ -135,10 +135,11 @@ TEST_F(QRVDeviceTest, FailuresWaitLongerEachTimeAndSuccessFollowsTheServicesInte
   EXPECT_TRUE(log.contains(LogLevel::error, "Quorvix registration error: Quorvix 500: down"));
 
   // Success starts the count again; "next_registration" 0 or absent means an hour.
-  for (auto [body, delay] :
-       std::vector<std::pair<std::string, double>>{{R"({"id":"D","next_registration":42})", 42},
-                                                   {R"({"id":"D","next_registration":0})", 3600},
-                                                   {R"({"id":"D"})", 3600}}) {
+  for (auto [body, delay] : std::vector<std::pair<std::string, double>>{
+           {R"({"id":"D","next_registration":42})", 42},
+           {R"({"id":"D","next_registration":0})", 3600},
+           {R"({"id":"D"})", 3600},
+           {R"({"id":"D","next_registration":1e300})", 1e9}}) {
     answer(body);
     main->advance(*main->nextDelay());
     EXPECT_EQ(nextLoopDelay(), delay) << body;
