@@ -107,12 +107,14 @@ Value::Map QRVDevice::registrationBody() const {
 
 void QRVDevice::registerDevice(Callback callback) {
   update(registrationBody(),
-         [callback = std::move(callback)](std::optional<QRVError> error,
-                                          std::shared_ptr<QRVRESTResource> resource) {
+         [callback = std::move(callback), generation = loopGeneration_](
+             std::optional<QRVError> error, std::shared_ptr<QRVRESTResource> resource) {
            auto device = std::static_pointer_cast<QRVDevice>(resource);
            if (error)
              logger()->error("Quorvix registration error: {}", error->description());
-           device->updateNotificationSocket();
+           // After a reset or deregistration the socket is not this answer's to reopen.
+           if (generation == device->loopGeneration_)
+             device->updateNotificationSocket();
            InvokeForDevice(callback, std::move(error), device);
          });
 }

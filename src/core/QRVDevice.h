@@ -96,7 +96,8 @@ class QRVDevice : public QRVRESTResource {
   Value::Map customData_;
   std::shared_ptr<CBORSocket> notificationSocket_;
   TaskHandle nextRegistration_;
-  // Bumped by reset: answers to registrations of an earlier loop schedule nothing.
+  // Bumped by reset and deregister: answers to registrations sent before schedule nothing and
+  // leave the notification socket alone.
   std::uint64_t loopGeneration_ = 0;
   std::optional<Value::Bytes> token_;
   NotificationCallback onNotification_;

@@ -218,7 +218,16 @@ TEST_F(QRVDeviceTest, NotificationSocketFiltersAnswersProbesAndPassesNotificatio
   ASSERT_TRUE(main->runUntil([&] { return !notifications.empty(); }));
   EXPECT_EQ(notifications[0], (Value::Map{{"quorvix-code", "123456"}}));
 
+  // An answer that arrives after deregistration does not reopen the socket.
+  Recorder late;
+  device->registerDevice(late.callback());
+  device->deregister(nullptr);
+  ASSERT_TRUE(main->runUntil([&] { return late.called(); }));
+  EXPECT_FALSE(device->notificationSocket());
+
   // A registration that no longer names the socket closes it.
+  registerOnce();
+  ASSERT_TRUE(device->notificationSocket());
   answer(R"({"id":"D"})");
   registerOnce();
   EXPECT_FALSE(device->notificationSocket());
