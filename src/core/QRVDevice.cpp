@@ -17,12 +17,6 @@ auto logger() {
   return l;
 }
 
-std::optional<std::string> stringField(const Value* v) {
-  if (v && v->asString())
-    return *v->asString();
-  return std::nullopt;
-}
-
 }  // namespace
 
 std::shared_ptr<QRVDevice> QRVDevice::instance() {
@@ -82,11 +76,11 @@ void QRVDevice::setCustomData(const Value::Map& customData) {
 }
 
 std::optional<std::string> QRVDevice::notificationUrl() const {
-  return stringField(field("notification_url"));
+  return stringField("notification_url");
 }
 
 std::optional<std::string> QRVDevice::notificationToken() const {
-  return stringField(field("notification_token"));
+  return stringField("notification_token");
 }
 
 std::uint64_t QRVDevice::registrationInterval() const {

@@ -62,6 +62,13 @@ const Value* QRVRESTResource::field(std::string_view key) const {
   return it == resource_.end() ? nullptr : &it->second;
 }
 
+std::optional<std::string> QRVRESTResource::stringField(std::string_view key) const {
+  const Value* v = field(key);
+  if (v && v->asString())
+    return *v->asString();
+  return std::nullopt;
+}
+
 void QRVRESTResource::setHeaders(const QRVHeaders& headers) {
   for (const auto& [name, value] : headers)
     headers_[name] = value;

@@ -45,6 +45,8 @@ class QRVRESTResource : public std::enable_shared_from_this<QRVRESTResource> {
 
   const Value::Map& resource() const { return resource_; }
   const Value* field(std::string_view key) const;
+  // The field when it is text.
+  std::optional<std::string> stringField(std::string_view key) const;
   const Value* id() const { return field("id"); }
   virtual std::optional<QRVURL> url() const { return std::nullopt; }
 

@@ -250,23 +250,16 @@ void QRVSession::setCapabilities(const std::vector<std::string>& capabilities) {
   capabilities_ = QRVCapabilities(capabilities);
 }
 
-std::optional<std::string> QRVSession::text(std::string_view key) const {
-  const Value* v = field(key);
-  if (v && v->asString())
-    return *v->asString();
-  return std::nullopt;
-}
-
 std::optional<std::string> QRVSession::sessionId() const {
-  return text("id");
+  return stringField("id");
 }
 
 std::optional<std::string> QRVSession::code() const {
-  return text("code");
+  return stringField("code");
 }
 
 std::optional<std::string> QRVSession::state() const {
-  return text("state");
+  return stringField("state");
 }
 
 bool QRVSession::isPending() const {
@@ -407,7 +400,7 @@ QRVEndedReason QRVSession::endedReason() const {
       {"active_timeout", QRVEndedReason::activeTimeout},
       {"limit_enforcement", QRVEndedReason::limitEnforcement},
   };
-  auto reason = text("ended_reason");
+  auto reason = stringField("ended_reason");
   if (reason)
     for (const auto& [name, value] : kReasons)
       if (*reason == name)
@@ -416,7 +409,7 @@ QRVEndedReason QRVSession::endedReason() const {
 }
 
 std::optional<WallTime> QRVSession::date(std::string_view key) const {
-  auto value = text(key);
+  auto value = stringField(key);
   return value ? parseISO8601FractionalDate(*value) : std::nullopt;
 }
 

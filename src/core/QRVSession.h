@@ -135,7 +135,6 @@ class QRVSession : public QRVRESTResource {
  private:
   std::shared_ptr<QRVSession> self();
   void send(Value::Map body, Callback callback);
-  std::optional<std::string> text(std::string_view key) const;
   std::optional<WallTime> date(std::string_view key) const;
   QRVSelectorSet selectors(std::string_view key) const;
   std::vector<QRVWebviewSelectors> webviewSelectors(std::string_view key) const;
