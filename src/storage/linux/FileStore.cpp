@@ -220,7 +220,7 @@ class FileStore final : public KeychainStore {
   }
 
   bool prepareDirectory() {
-    // Missing parents are made private too, as the base directory specification asks.
+    // Missing parents are made private too: XDG data directories belong to their user alone.
     fs::path path;
     for (const auto& part : directory_) {
       path /= part;
