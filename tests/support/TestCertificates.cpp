@@ -1,7 +1,5 @@
 #include "TestCertificates.h"
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -20,11 +18,9 @@ std::string slurp(const std::string& path) {
 }  // namespace
 
 TestCertificates::TestCertificates() {
-  char pattern[] = "/tmp/quorvix-certs-XXXXXX";
-  if (!mkdtemp(pattern))
+  if (!dir_.ok())
     return;
-  dir_ = pattern;
-  const std::string d = dir_;
+  const std::string d = dir_.path().string();
   const std::string quiet = " >/dev/null 2>&1";
   auto leaf = [&](const std::string& name, const std::string& san) {
     return runCommand("cd " + d + " && openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 " +
@@ -59,11 +55,6 @@ TestCertificates::TestCertificates() {
   selfSignedKey = slurp(d + "/self.key");
 }
 
-TestCertificates::~TestCertificates() {
-  if (!dir_.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
-}
+TestCertificates::~TestCertificates() = default;
 
 }  // namespace quorvix::test

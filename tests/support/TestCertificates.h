@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "TempDir.h"
+
 namespace quorvix::test {
 
 struct TestCertificates {
@@ -20,7 +22,7 @@ struct TestCertificates {
   std::string selfSignedPem, selfSignedKey;
 
  private:
-  std::string dir_;
+  TempDir dir_{"quorvix-certs"};
 };
 
 }  // namespace quorvix::test
