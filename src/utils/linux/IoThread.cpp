@@ -8,18 +8,28 @@
 #include <pthread.h>
 
 namespace quorvix {
+namespace {
+
+// Stops and joins the thread when the process exits, whoever else still holds it.
+struct JoinAtExit {
+  const std::shared_ptr<IoThread>& thread;
+  ~JoinAtExit() { thread->stop(); }
+};
+
+}  // namespace
 
 std::shared_ptr<IoThread> IoThread::shared() {
-  // Started on first use and joined at exit. Connections also hold it, but the last release
-  // never falls to a handler on the thread itself, which could only detach it while the
-  // process tears down around it.
+  // Connections still open at exit hold the thread too, so the last release can come after
+  // OpenSSL's exit-time cleanup, from a handler still running on the thread. It is therefore
+  // joined at exit and never destroyed: what is still queued stays reachable and unrun.
   //
-  // OpenSSL goes first, so that its exit-time cleanup runs after this thread has been joined
-  // and has let go of its per-thread state.
-  static const auto thread = [] {
+  // OpenSSL goes first, so that its cleanup is registered before the join and runs after it.
+  static const std::shared_ptr<IoThread>& thread = *[] {
     OPENSSL_init_ssl(0, nullptr);
-    return std::make_shared<IoThread>("quorvix-net");
+    // Leaked on purpose, like the loggers; see above.
+    return new std::shared_ptr<IoThread>(std::make_shared<IoThread>("quorvix-net"));
   }();
+  static const JoinAtExit join{thread};
   return thread;
 }
 
@@ -37,9 +47,17 @@ IoThread::IoThread(const char* name) : io_(std::make_shared<boost::asio::io_cont
 
 IoThread::~IoThread() {
   io_->stop();
+  if (!thread_.joinable())
+    return;
   if (isCurrent())
     thread_.detach();
   else
+    thread_.join();
+}
+
+void IoThread::stop() {
+  io_->stop();
+  if (thread_.joinable() && !isCurrent())
     thread_.join();
 }
 

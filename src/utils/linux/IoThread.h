@@ -20,6 +20,9 @@ class IoThread {
   IoThread& operator=(const IoThread&) = delete;
 
   boost::asio::io_context& context() { return *io_; }
+  // Runs nothing more and waits for the handler under way, if any. Called from a handler on
+  // the thread itself, it only stops the thread.
+  void stop();
   bool isCurrent() const { return std::this_thread::get_id() == threadId_; }
 
  private:
