@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <utility>
 
 #include <openssl/rand.h>
 
@@ -178,12 +179,6 @@ CBORSocket::CBORSocket(std::shared_ptr<QRVURLSession> session,
 
 void CBORSocket::start() {
   socketDelegate_->cborSocket = weak_from_this();
-  auto transport = createSocket(request_());
-  {
-    std::lock_guard lock(mutex_);
-    if (!socket_)
-      socket_ = transport;
-  }
   pingTimer_.start(executor_, seconds(kPingInterval), [weak = weak_from_this()] {
     if (auto self = weak.lock())
       self->sendPing();
@@ -200,6 +195,7 @@ void CBORSocket::start() {
     }
     self->metrics_.reset();
   });
+  connectTransport(request_(), true);
 }
 
 CBORSocket::~CBORSocket() {
@@ -236,11 +232,21 @@ std::shared_ptr<CBORSocket::WorkItem> CBORSocket::schedule(double delay,
   return item;
 }
 
-std::shared_ptr<SocketTransport> CBORSocket::createSocket(const QRVSocketRequest& request) {
+void CBORSocket::connectTransport(const QRVSocketRequest& request, bool initial) {
   auto transport = transportFactory_(request, urlSession_);
   transport->setDelegate(socketDelegate_);
+  // Current before it connects: the platform transport may report a failure from its own
+  // thread at once, and only a current transport gets its retry scheduled.
+  std::shared_ptr<SocketTransport> previous;
+  {
+    std::lock_guard lock(mutex_);
+    if (!initial && !socket_)
+      return;
+    previous = std::exchange(socket_, transport);
+  }
+  // Dropped without another call; its destructor closes it quietly.
+  previous.reset();
   transport->connect();
-  return transport;
 }
 
 void CBORSocket::onMessage(const std::string& event, Listener listener) {
@@ -344,11 +350,7 @@ void CBORSocket::runReconnect() {
     }
     provider = request_;
   }
-  // The old transport is dropped without another call; its destructor closes it quietly.
-  auto transport = createSocket(provider());
-  std::lock_guard lock(mutex_);
-  if (socket_)
-    socket_ = std::move(transport);
+  connectTransport(provider(), false);
 }
 
 void CBORSocket::transportDidConnect() {
@@ -454,6 +456,11 @@ void CBORSocket::disconnect() {
 bool CBORSocket::isConneced() const {
   std::lock_guard lock(mutex_);
   return socket_ && socket_->isConnected();
+}
+
+bool CBORSocket::isReconnectScheduled() const {
+  std::lock_guard lock(mutex_);
+  return reconnectTimer_ != nullptr;
 }
 
 std::uint64_t CBORSocket::messageLag() const {

@@ -95,6 +95,8 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   void disconnect();
 
   bool isConneced() const;
+  // Whether a new attempt is waiting for its delay, as after a lost or refused connection.
+  bool isReconnectScheduled() const;
   std::uint64_t messageLag() const;
   const CBORSocketMetrics& metrics() const { return metrics_; }
 
@@ -126,7 +128,8 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
 
   void start();
   void pongDeadlinePassed();
-  std::shared_ptr<SocketTransport> createSocket(const QRVSocketRequest& request);
+  // Makes a new transport the current one and connects it; a later one only while still wanted.
+  void connectTransport(const QRVSocketRequest& request, bool initial);
   void reconnect();
   void runReconnect();
   void handleAck(std::uint64_t ack);

@@ -22,7 +22,11 @@ class FakeTransport final : public SocketTransport {
   bool isConnected() const override { return connected; }
   std::shared_ptr<SocketDelegate> delegate() const override { return delegate_; }
   void setDelegate(std::shared_ptr<SocketDelegate> d) override { delegate_ = std::move(d); }
-  void connect() override { ++connects; }
+  void connect() override {
+    ++connects;
+    if (failsAtOnce)
+      drop(QRVError("NSURLErrorDomain", -1004, "refused"));
+  }
   void disconnect(std::optional<TransportError> error) override {
     ++disconnects;
     connected = false;
@@ -49,6 +53,8 @@ class FakeTransport final : public SocketTransport {
 
   QRVSocketRequest request;
   bool connected = false;
+  // Reports the failure from inside connect(), as a transport on another thread may.
+  bool failsAtOnce = false;
   int connects = 0;
   int disconnects = 0;
   std::vector<std::vector<std::uint8_t>> writes;
@@ -79,6 +85,7 @@ class CBORSocketTest : public ::testing::Test {
     };
     env.transportFactory = [this](const QRVSocketRequest& r, std::shared_ptr<QRVURLSession>) {
       auto t = std::make_shared<FakeTransport>(r);
+      t->failsAtOnce = failAtOnce;
       transports.push_back(t);
       return t;
     };
@@ -108,6 +115,7 @@ class CBORSocketTest : public ::testing::Test {
 
   test::ScopedManualMainQueue main;
   std::deque<std::uint32_t> randoms;
+  bool failAtOnce = false;
   std::vector<std::shared_ptr<FakeTransport>> transports;
   std::vector<std::shared_ptr<CBORSocket>> sockets;
   int requests = 0;
@@ -185,6 +193,22 @@ TEST_F(CBORSocketTest, GrowsTheBackoffUntilDataArrives) {
   transports.back()->delegate()->websocketDidReceiveData({0xff, 0x00});
   last().drop();
   EXPECT_EQ(std::chrono::duration<double>(*main->nextDelay()).count(), 0.5);
+}
+
+TEST_F(CBORSocketTest, RetriesATransportThatFailsBeforeConnectReturns) {
+  randoms = {0};
+  failAtOnce = true;
+  auto socket = make();
+  for (std::size_t attempt = 1; attempt <= 3; ++attempt) {
+    ASSERT_EQ(transports.size(), attempt);
+    ASSERT_TRUE(main->nextDelay()) << "no retry after attempt " << attempt;
+    main->advance(*main->nextDelay());
+  }
+  // The reset observer was in before the first report.
+  failAtOnce = false;
+  last().open();
+  socket->send("frame", {});
+  EXPECT_EQ(*sent()[0].find("id"), uint(1));
 }
 
 TEST_F(CBORSocketTest, PingsEveryMinuteAndRebuildsASilentConnectionOnce) {
