@@ -3,7 +3,9 @@
 #include <atomic>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -107,6 +109,12 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
   }
 
   void close(std::uint16_t code, std::string reason) override {
+    // The client may see the upgrade answer before the accept has completed here, and the
+    // stream takes no other operation until it has.
+    if (!accepted_) {
+      pendingClose_.emplace(code, std::move(reason));
+      return;
+    }
     closing_ = true;
     ws_.async_close(websocket::close_reason(static_cast<websocket::close_code>(code), reason),
                     [self = this->shared_from_this()](const error_code&) {});
@@ -151,11 +159,15 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
     ws_.async_accept(request_, [self = this->shared_from_this()](const error_code& ec) {
       if (ec)
         return;
+      self->accepted_ = true;
       self->server_->upgrades++;
       self->server_->lastDeflate = self->request_.count(http::field::sec_websocket_extensions) &&
                                    self->server_->options.deflate;
       if (self->server_->options.mode != WsServerOptions::Mode::mute)
         self->read();
+      if (auto pending = std::exchange(self->pendingClose_, std::nullopt))
+        return self->close(pending->first, std::move(pending->second));
+      self->pump();
     });
   }
 
@@ -184,7 +196,7 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
   }
 
   void pump() {
-    if (writing_ || outbox_.empty() || closing_)
+    if (!accepted_ || writing_ || outbox_.empty() || closing_)
       return;
     writing_ = true;
     ws_.binary(outbox_.front().second);
@@ -203,8 +215,10 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
   beast::flat_buffer in_;
   http::request<http::string_body> request_;
   std::deque<std::pair<std::shared_ptr<const std::vector<std::uint8_t>>, bool>> outbox_;
+  bool accepted_ = false;
   bool writing_ = false;
   bool closing_ = false;
+  std::optional<std::pair<std::uint16_t, std::string>> pendingClose_;
 };
 
 }  // namespace

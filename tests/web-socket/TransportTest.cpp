@@ -2,7 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
+#include <thread>
+
+#include <boost/asio/post.hpp>
 
 #include "../support/ManualExecutor.h"
 #include "../support/TestCertificates.h"
@@ -12,6 +17,7 @@
 #include "quorvix/CBOR.h"
 #include "quorvix/QRVBundle.h"
 #include "quorvix/TLSConfiguration.h"
+#include "utils/linux/IoThread.h"
 #include "web-socket/CBORSocket.h"
 #include "web-socket/StarscreamSocket.h"
 #include "web-socket/linux/BeastSocket.h"
@@ -177,7 +183,8 @@ TEST_P(TransportTest, DisconnectReportsAtOnceOnlyOnThePlatformTransport) {
     EXPECT_EQ(std::get<WSError>(*lastError()).code, 1000);
   } else {
     EXPECT_FALSE(transport->isConnected());
-    ASSERT_EQ(sync, 1u);
+    // The second report comes from the network thread and may already be in.
+    ASSERT_GE(sync, 1u);
     EXPECT_EQ(recorder->disconnects[0], TransportError(reason));
     // The cancelled task reports again later, as the platform's does.
     EXPECT_TRUE(until([](Recorder& r) { return r.disconnects.size() == 2; }));
@@ -251,6 +258,26 @@ TEST(BeastSocketTest, AfterATextMessageNothingIsDeliveredButPingsStillWork) {
   main->runUntil([] { return false; }, std::chrono::milliseconds(50));
   EXPECT_TRUE(recorder->data.empty());
   EXPECT_TRUE(transport.isConnected());
+}
+
+// A connection still open at exit holds the network thread. Exit must still wait for the handler
+// under way, or it would run on while OpenSSL and the statics are torn down around it.
+TEST(IoThreadDeathTest, ExitJoinsTheThreadThatConnectionsStillHold) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        auto held = IoThread::shared();
+        std::atomic<bool> started{false};
+        boost::asio::post(held->context(), [&started] {
+          started = true;
+          std::this_thread::sleep_for(std::chrono::milliseconds(100));
+          std::fputs("handler finished\n", stderr);
+        });
+        while (!started)
+          std::this_thread::yield();
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "handler finished");
 }
 
 TEST(StarscreamWebSocketTest, GivesUpAWriteTheSocketNeverTakes) {
@@ -350,8 +377,9 @@ TEST_P(CBORSocketRecoveryTest, CarriesEventsAndComesBackAfterTheServerDrops) {
   // Observers first, then the reconnect is scheduled (beside the ping timer).
   ASSERT_TRUE(main->runUntil([&] { return disconnectCount() >= 1 && main->pendingCount() == 2; }));
   main->advanceSeconds(socket->minReconnectDelay());
-  ASSERT_TRUE(main->runUntil([&] { return seen->connects == before + 1; }));
-  EXPECT_EQ(server.upgrades(), 2);
+  // The server counts an upgrade once its answer is out, so the client may hear it first.
+  ASSERT_TRUE(
+      main->runUntil([&] { return seen->connects == before + 1 && server.upgrades() == 2; }));
   socket->send("hello", {{"n", Value(3)}});
   ASSERT_TRUE(main->runUntil([&] { return server.received().size() == 3; }));
   EXPECT_EQ(lastIdSent(server), 1u);
@@ -361,11 +389,12 @@ TEST_P(CBORSocketRecoveryTest, RebuildsAConnectionWhosePongsStop) {
   WsTestServer server(WsServerOptions{.mode = WsServerOptions::Mode::mute});
   start(server);
   ASSERT_TRUE(main->runUntil([&] { return socket->isConneced(); }));
-  const int before = seen->connects;
+  // The mute server never answers the ping.
   main->advanceSeconds(CBORSocket::kPingInterval);
-  main->runUntil([] { return false; }, std::chrono::milliseconds(100));
   main->advanceSeconds(CBORSocket::kPongTimeout);
-  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  ASSERT_TRUE(socket->isReconnectScheduled());
+  // Counted only now: the first connect may still have been on its way to the observer.
+  const int before = seen->connects;
   main->advanceSeconds(socket->minReconnectDelay());
   EXPECT_TRUE(
       main->runUntil([&] { return seen->connects == before + 1 && server.upgrades() == 2; }));
@@ -374,12 +403,16 @@ TEST_P(CBORSocketRecoveryTest, RebuildsAConnectionWhosePongsStop) {
 TEST_P(CBORSocketRecoveryTest, KeepsRetryingARefusedUpgrade) {
   WsTestServer server(WsServerOptions{.refuseWithStatus = 401});
   start(server);
-  for (std::size_t attempt = 1; attempt <= 3; ++attempt) {
-    ASSERT_TRUE(main->runUntil([&] { return disconnectCount() >= attempt; }));
-    main->advance(*main->nextDelay());
+  for (int attempt = 1; attempt <= 3; ++attempt) {
+    SCOPED_TRACE(attempt);
+    ASSERT_TRUE(main->runUntil([&] { return socket->isReconnectScheduled(); }));
+    // Longer than any of the first delays (at most 1.5 s).
+    main->advanceSeconds(2.0);
   }
+  EXPECT_TRUE(main->runUntil([&] { return server.requestHeaders().size() >= 4; }));
+  // The platform transport reports from its own thread, maybe before the test's observer is in.
+  EXPECT_GE(disconnectCount(), 2u);
   EXPECT_EQ(seen->connects, 0);
-  EXPECT_GE(server.requestHeaders().size(), 3u);
   if (GetParam() == WebsocketMethod::starscream) {
     EXPECT_EQ(seen->errors[0], QRVError("CBORSocket", 401, ""));
   }

@@ -398,11 +398,13 @@ void BeastSocket::connect() {
 }
 
 void BeastSocket::disconnect(std::optional<TransportError> error) {
-  if (task_)
-    task_->cancel();
+  // Told first, so that the cancelled task's own later report cannot overtake this one.
+  auto task = task_;
   state_->connected = false;
   if (auto d = delegate())
     d->websocketDidDisconnect(std::move(error));
+  if (task)
+    task->cancel();
 }
 
 void BeastSocket::write(std::vector<std::uint8_t> data, Completion completion) {
