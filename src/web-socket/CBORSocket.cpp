@@ -120,22 +120,23 @@ Value convertIncoming(const CBOR& item) {
 
 void SocketDelegate::websocketDidConnect() {
   if (auto socket = cborSocket.lock())
-    socket->transportDidConnect();
+    socket->onExecutor([](CBORSocket& s) { s.transportDidConnect(); });
 }
 
 void SocketDelegate::websocketDidDisconnect(std::optional<TransportError> error) {
   if (auto socket = cborSocket.lock())
-    socket->transportDidDisconnect(error);
+    socket->onExecutor(
+        [error = std::move(error)](CBORSocket& s) { s.transportDidDisconnect(error); });
 }
 
 void SocketDelegate::websocketDidReceiveData(std::vector<std::uint8_t> data) {
   if (auto socket = cborSocket.lock())
-    socket->transportDidReceive(data);
+    socket->onExecutor([data = std::move(data)](CBORSocket& s) { s.transportDidReceive(data); });
 }
 
 void SocketDelegate::websocketDidReceivePong() {
   if (auto socket = cborSocket.lock())
-    socket->cancelPongTimeout();
+    socket->onExecutor([](CBORSocket& s) { s.cancelPongTimeout(); });
 }
 
 // ---- CBORSocket
@@ -230,6 +231,15 @@ std::shared_ptr<CBORSocket::WorkItem> CBORSocket::schedule(double delay,
       ((*target).*run)();
   });
   return item;
+}
+
+void CBORSocket::onExecutor(std::function<void(CBORSocket&)> event) {
+  if (executor_->isCurrent())
+    return event(*this);
+  executor_->post([weak = weak_from_this(), event = std::move(event)] {
+    if (auto self = weak.lock())
+      event(*self);
+  });
 }
 
 void CBORSocket::connectTransport(const QRVSocketRequest& request, bool initial) {

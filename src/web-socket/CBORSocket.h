@@ -111,7 +111,10 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
                                double minDelay,
                                double maxDelay);
 
-  // Transport events, through SocketDelegate.
+  // Transport events, through SocketDelegate. They are handled on the executor: the platform
+  // transport reports from its network thread, and observers registered right after create()
+  // must hear even the first event.
+  void onExecutor(std::function<void(CBORSocket&)> event);
   void transportDidConnect();
   void transportDidDisconnect(const std::optional<TransportError>& error);
   void transportDidReceive(const std::vector<std::uint8_t>& data);

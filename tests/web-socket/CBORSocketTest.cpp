@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <thread>
 
 #include "../support/Hex.h"
 #include "../support/ManualExecutor.h"
@@ -26,6 +27,8 @@ class FakeTransport final : public SocketTransport {
     ++connects;
     if (failsAtOnce)
       drop(QRVError("NSURLErrorDomain", -1004, "refused"));
+    if (opensFromAnotherThread)
+      std::thread([this] { open(); }).join();
   }
   void disconnect(std::optional<TransportError> error) override {
     ++disconnects;
@@ -55,6 +58,8 @@ class FakeTransport final : public SocketTransport {
   bool connected = false;
   // Reports the failure from inside connect(), as a transport on another thread may.
   bool failsAtOnce = false;
+  // Reports the connection from a thread of its own before connect() returns.
+  bool opensFromAnotherThread = false;
   int connects = 0;
   int disconnects = 0;
   std::vector<std::vector<std::uint8_t>> writes;
@@ -86,6 +91,7 @@ class CBORSocketTest : public ::testing::Test {
     env.transportFactory = [this](const QRVSocketRequest& r, std::shared_ptr<QRVURLSession>) {
       auto t = std::make_shared<FakeTransport>(r);
       t->failsAtOnce = failAtOnce;
+      t->opensFromAnotherThread = openFromAnotherThread;
       transports.push_back(t);
       return t;
     };
@@ -116,6 +122,7 @@ class CBORSocketTest : public ::testing::Test {
   test::ScopedManualMainQueue main;
   std::deque<std::uint32_t> randoms;
   bool failAtOnce = false;
+  bool openFromAnotherThread = false;
   std::vector<std::shared_ptr<FakeTransport>> transports;
   std::vector<std::shared_ptr<CBORSocket>> sockets;
   int requests = 0;
@@ -209,6 +216,20 @@ TEST_F(CBORSocketTest, RetriesATransportThatFailsBeforeConnectReturns) {
   last().open();
   socket->send("frame", {});
   EXPECT_EQ(*sent()[0].find("id"), uint(1));
+}
+
+TEST_F(CBORSocketTest, EventsFromTheTransportsThreadReachObserversOnTheExecutor) {
+  openFromAnotherThread = true;
+  auto socket = make();
+  int connects = 0;
+  bool onExecutor = false;
+  socket->onConnect([&] {
+    ++connects;
+    onExecutor = main->isCurrent();
+  });
+  main->runUntilIdle();
+  EXPECT_EQ(connects, 1);
+  EXPECT_TRUE(onExecutor);
 }
 
 TEST_F(CBORSocketTest, PingsEveryMinuteAndRebuildsASilentConnectionOnce) {
