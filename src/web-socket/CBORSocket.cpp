@@ -245,8 +245,8 @@ void CBORSocket::onExecutor(std::function<void(CBORSocket&)> event) {
 void CBORSocket::connectTransport(const QRVSocketRequest& request, bool initial) {
   auto transport = transportFactory_(request, urlSession_);
   transport->setDelegate(socketDelegate_);
-  // Current before it connects: the platform transport may report a failure from its own
-  // thread at once, and only a current transport gets its retry scheduled.
+  // Current before it connects: a transport may report its failure before connect() returns,
+  // and only a current transport gets its retry scheduled.
   std::shared_ptr<SocketTransport> previous;
   {
     std::lock_guard lock(mutex_);
