@@ -56,7 +56,7 @@ class FakeTransport final : public SocketTransport {
 
   QRVSocketRequest request;
   bool connected = false;
-  // Reports the failure from inside connect(), as a transport on another thread may.
+  // Reports the failure from inside connect(), as a transport that fails at once may.
   bool failsAtOnce = false;
   // Reports the connection from a thread of its own before connect() returns.
   bool opensFromAnotherThread = false;

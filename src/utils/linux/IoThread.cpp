@@ -46,13 +46,10 @@ IoThread::IoThread(const char* name) : io_(std::make_shared<boost::asio::io_cont
 }
 
 IoThread::~IoThread() {
-  io_->stop();
-  if (!thread_.joinable())
-    return;
-  if (isCurrent())
+  stop();
+  // Still running only when the last release came from a handler on the thread itself.
+  if (thread_.joinable())
     thread_.detach();
-  else
-    thread_.join();
 }
 
 void IoThread::stop() {
