@@ -15,8 +15,9 @@ namespace quorvix {
 
 // ---- CBORSocketMetrics
 
+// Monotonic: only differences are ever used, and a wall clock set back would make them negative.
 double CBORSocketMetrics::now() const {
-  return std::chrono::duration<double>(clock_.wallNow().time_since_epoch()).count();
+  return std::chrono::duration<double>(clock_.now().time_since_epoch()).count();
 }
 
 void CBORSocketMetrics::onSent(std::uint64_t messageId) {
@@ -65,7 +66,7 @@ void CBORSocketMetrics::reset() {
 
 // ---- conversion of incoming items
 
-Value convertIncoming(const CBOR& item) {
+std::optional<Value> convertIncoming(const CBOR& item) {
   switch (item.kind()) {
     case CBOR::Kind::unsignedInt:
       return Value(item.get<CBOR::UnsignedInt>()->value);
@@ -79,8 +80,12 @@ Value convertIncoming(const CBOR& item) {
     case CBOR::Kind::array: {
       Value::Array out;
       out.reserve(item.get<CBOR::Array>()->size());
-      for (const auto& v : *item.get<CBOR::Array>())
-        out.push_back(convertIncoming(v));
+      for (const auto& v : *item.get<CBOR::Array>()) {
+        auto converted = convertIncoming(v);
+        if (!converted)
+          return std::nullopt;
+        out.push_back(std::move(*converted));
+      }
       return Value(std::move(out));
     }
     case CBOR::Kind::map: {
@@ -90,8 +95,9 @@ Value convertIncoming(const CBOR& item) {
         const std::string* text = key.get<std::string>();
         if (!text)  // a dictionary here holds text keys only; the item goes on as it is
           return Value(std::make_shared<const CBOR>(item));
-        if (!out.emplace(*text, convertIncoming(value)).second)
-          QRV_FATAL("CBORSocket", "two map keys convert to the same value");
+        auto converted = convertIncoming(value);
+        if (!converted || !out.emplace(*text, std::move(*converted)).second)
+          return std::nullopt;
       }
       return Value(std::move(out));
     }
@@ -120,28 +126,36 @@ Value convertIncoming(const CBOR& item) {
 
 void SocketDelegate::websocketDidConnect() {
   if (auto socket = cborSocket.lock())
-    socket->onExecutor([](CBORSocket& s) { s.transportDidConnect(); });
+    socket->onExecutor([g = generation](CBORSocket& s) { s.transportDidConnect(g); });
 }
 
 void SocketDelegate::websocketDidDisconnect(std::optional<TransportError> error) {
   if (auto socket = cborSocket.lock())
-    socket->onExecutor(
-        [error = std::move(error)](CBORSocket& s) { s.transportDidDisconnect(error); });
+    socket->onExecutor([g = generation, error = std::move(error)](CBORSocket& s) {
+      s.transportDidDisconnect(g, error);
+    });
 }
 
 void SocketDelegate::websocketDidReceiveData(std::vector<std::uint8_t> data) {
   if (auto socket = cborSocket.lock())
-    socket->onExecutor([data = std::move(data)](CBORSocket& s) { s.transportDidReceive(data); });
+    socket->onExecutor([g = generation, data = std::move(data)](CBORSocket& s) {
+      s.transportDidReceive(g, data);
+    });
 }
 
 void SocketDelegate::websocketDidReceivePong() {
   if (auto socket = cborSocket.lock())
-    socket->onExecutor([](CBORSocket& s) { s.cancelPongTimeout(); });
+    socket->onExecutor([g = generation](CBORSocket& s) { s.transportDidReceivePong(g); });
 }
 
 // ---- CBORSocket
 
 namespace {
+
+auto logger() {
+  static auto l = QRV_LOGGER_FOR("CBORSocket");
+  return l;
+}
 
 std::uint32_t secureRandom32() {
   std::uint32_t v = 0;
@@ -175,11 +189,9 @@ CBORSocket::CBORSocket(std::shared_ptr<QRVURLSession> session,
       urlSession_(std::move(session)),
       request_(std::move(request)),
       metrics_(executor_->clock()),
-      minReconnectDelay_(random_() / 4294967295.0 + 0.5),
-      socketDelegate_(std::make_shared<SocketDelegate>()) {}
+      minReconnectDelay_(random_() / 4294967295.0 + 0.5) {}
 
 void CBORSocket::start() {
-  socketDelegate_->cborSocket = weak_from_this();
   pingTimer_.start(executor_, seconds(kPingInterval), [weak = weak_from_this()] {
     if (auto self = weak.lock())
       self->sendPing();
@@ -244,7 +256,8 @@ void CBORSocket::onExecutor(std::function<void(CBORSocket&)> event) {
 
 void CBORSocket::connectTransport(const QRVSocketRequest& request, bool initial) {
   auto transport = transportFactory_(request, urlSession_);
-  transport->setDelegate(socketDelegate_);
+  auto delegate = std::make_shared<SocketDelegate>();
+  delegate->cborSocket = weak_from_this();
   // Current before it connects: a transport may report its failure before connect() returns,
   // and only a current transport gets its retry scheduled.
   std::shared_ptr<SocketTransport> previous;
@@ -252,8 +265,11 @@ void CBORSocket::connectTransport(const QRVSocketRequest& request, bool initial)
     std::lock_guard lock(mutex_);
     if (!initial && !socket_)
       return;
+    delegate->generation = ++generation_;
+    transportEnded_ = false;
     previous = std::exchange(socket_, transport);
   }
+  transport->setDelegate(std::move(delegate));
   // Dropped without another call; its destructor closes it quietly.
   previous.reset();
   transport->connect();
@@ -313,19 +329,32 @@ void CBORSocket::sendPing() {
 
 void CBORSocket::pongDeadlinePassed() {
   std::shared_ptr<SocketTransport> current;
+  std::uint64_t generation;
   {
     std::lock_guard lock(mutex_);
     current = socket_;
+    generation = generation_;
   }
   if (current)
     current->disconnect();
+  // The platform transport has reported its end by now; the library's own client reports only
+  // once the close handshake is over. The connection is given up either way, so its end is
+  // handled here, and its later report is dropped as a repeat.
+  if (current)
+    transportDidDisconnect(generation, std::nullopt);
   reconnect();
 }
 
-void CBORSocket::cancelPongTimeout() {
+void CBORSocket::transportDidReceivePong(std::uint64_t generation) {
   std::lock_guard lock(mutex_);
+  if (!isLiveLocked(generation))
+    return;
   if (pongTimeout_)
     pongTimeout_->cancel();
+}
+
+bool CBORSocket::isLiveLocked(std::uint64_t generation) const {
+  return generation == generation_ && !transportEnded_ && socket_;
 }
 
 double CBORSocket::reconnectDelay(std::int64_t attempts,
@@ -363,17 +392,26 @@ void CBORSocket::runReconnect() {
   connectTransport(provider(), false);
 }
 
-void CBORSocket::transportDidConnect() {
+void CBORSocket::transportDidConnect(std::uint64_t generation) {
   std::vector<std::function<void()>> observers;
   {
     std::lock_guard lock(mutex_);
+    if (!isLiveLocked(generation))
+      return;
     observers = onConnectObservers_;
   }
   for (const auto& observer : observers)
     observer();
 }
 
-void CBORSocket::transportDidDisconnect(const std::optional<TransportError>& error) {
+void CBORSocket::transportDidDisconnect(std::uint64_t generation,
+                                        const std::optional<TransportError>& error) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!isLiveLocked(generation))
+      return;
+    transportEnded_ = true;
+  }
   std::optional<QRVError> reported;
   if (error) {
     if (const auto* ws = std::get_if<WSError>(&*error))
@@ -391,9 +429,12 @@ void CBORSocket::transportDidDisconnect(const std::optional<TransportError>& err
   reconnect();
 }
 
-void CBORSocket::transportDidReceive(const std::vector<std::uint8_t>& data) {
+void CBORSocket::transportDidReceive(std::uint64_t generation,
+                                     const std::vector<std::uint8_t>& data) {
   {
     std::lock_guard lock(mutex_);
+    if (!isLiveLocked(generation))
+      return;
     attempts_ = 0;
   }
   CBORDecoder decoder(data);
@@ -403,8 +444,12 @@ void CBORSocket::transportDidReceive(const std::vector<std::uint8_t>& data) {
   const CBOR& item = *decoded.value();
   if (item.kind() != CBOR::Kind::map)
     return;
-  Value converted = convertIncoming(item);
-  const Value::Map* frame = converted.asMap();
+  auto converted = convertIncoming(item);
+  if (!converted) {
+    logger()->error("Dropped a message with two keys of the same value");
+    return;
+  }
+  const Value::Map* frame = converted->asMap();
   if (!frame)
     return;
   if (auto ack = frame->find("ack"); ack != frame->end()) {
@@ -432,6 +477,14 @@ void CBORSocket::transportDidReceive(const std::vector<std::uint8_t>& data) {
 void CBORSocket::handleAck(std::uint64_t ack) {
   {
     std::lock_guard lock(mutex_);
+    // The service cannot have received what was never sent; such an ack is its fault, and
+    // believing it would make the lag meaningless.
+    if (ack > messageId_) {
+      if (!std::exchange(loggedAckAboveSent_, true))
+        logger()->error("Ignored an acknowledgement of message {}, above the last sent {}", ack,
+                        messageId_);
+      return;
+    }
     lastMessageAck_ = ack;  // a plain overwrite: a late, lower ack moves it back
   }
   metrics_.onReceived(ack);
@@ -457,6 +510,7 @@ void CBORSocket::disconnect() {
       reconnectTimer_->cancel();
     transport = std::move(socket_);
     request_ = nullptr;
+    transportEnded_ = true;
   }
   pingTimer_.stop();
   if (transport)

@@ -50,8 +50,9 @@ class CBORSocketMetrics {
 };
 
 // A decoded incoming item as listeners see it: negative integers as their raw argument, maps
-// with text keys as dictionaries (other maps, tags, null and undefined stay CBOR items).
-Value convertIncoming(const CBOR& item);
+// with text keys as dictionaries (other maps, tags, null and undefined stay CBOR items). Nothing
+// when two keys of a map convert to the same value.
+std::optional<Value> convertIncoming(const CBOR& item);
 
 class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
  public:
@@ -111,14 +112,15 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
                                double minDelay,
                                double maxDelay);
 
-  // Transport events, through SocketDelegate. They are handled on the executor: the platform
-  // transport reports from its network thread, and observers registered right after create()
-  // must hear even the first event.
+  // Transport events, through the transport's SocketDelegate. They are handled on the executor:
+  // the platform transport reports from its network thread, and observers registered right after
+  // create() must hear even the first event. Events of a transport that has ended or been
+  // replaced are dropped; each transport's end is handled once.
   void onExecutor(std::function<void(CBORSocket&)> event);
-  void transportDidConnect();
-  void transportDidDisconnect(const std::optional<TransportError>& error);
-  void transportDidReceive(const std::vector<std::uint8_t>& data);
-  void cancelPongTimeout();
+  void transportDidConnect(std::uint64_t generation);
+  void transportDidDisconnect(std::uint64_t generation, const std::optional<TransportError>& error);
+  void transportDidReceive(std::uint64_t generation, const std::vector<std::uint8_t>& data);
+  void transportDidReceivePong(std::uint64_t generation);
 
   CBORSocket(std::shared_ptr<QRVURLSession> session,
              RequestProvider request,
@@ -136,6 +138,9 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   void reconnect();
   void runReconnect();
   void handleAck(std::uint64_t ack);
+  // Whether events of that transport still count: it is the current one and has not ended.
+  // Called with mutex_ held.
+  bool isLiveLocked(std::uint64_t generation) const;
 
   const std::shared_ptr<Executor> executor_;
   const std::function<std::uint32_t()> random_;
@@ -157,7 +162,10 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   std::map<std::string, std::vector<Listener>> onMessageObservers_;
   std::vector<std::function<void()>> onConnectObservers_;
   std::vector<DisconnectObserver> onDisconnectObservers_;
-  std::shared_ptr<SocketDelegate> socketDelegate_;
+  // The current transport's number, and whether its end has been handled.
+  std::uint64_t generation_ = 0;
+  bool transportEnded_ = false;
+  bool loggedAckAboveSent_ = false;
 };
 
 }  // namespace quorvix

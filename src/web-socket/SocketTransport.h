@@ -16,8 +16,9 @@ namespace quorvix {
 
 class CBORSocket;
 
-// The receiver of a transport's events, installed by a CBOR socket. It holds the socket weakly
-// so that a transport never keeps its socket alive.
+// The receiver of one transport's events, installed by a CBOR socket: each transport gets its own,
+// numbered, so that the socket can tell a current transport's events from those of one that has
+// ended or been replaced. It holds the socket weakly so that a transport never keeps it alive.
 class SocketDelegate {
  public:
   virtual ~SocketDelegate() = default;
@@ -29,6 +30,7 @@ class SocketDelegate {
   virtual void websocketDidReceivePong();
 
   std::weak_ptr<CBORSocket> cborSocket;
+  std::uint64_t generation = 0;
 };
 
 class SocketTransport {

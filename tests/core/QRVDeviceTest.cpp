@@ -74,7 +74,7 @@ class QRVDeviceTest : public ::testing::Test {
   static std::vector<Value> events(const WsTestServer& ws) {
     std::vector<Value> out;
     for (const auto& message : ws.received())
-      out.push_back(convertIncoming(*CBORDecoder(message.data).decodeItem().value()));
+      out.push_back(*convertIncoming(*CBORDecoder(message.data).decodeItem().value()));
     return out;
   }
   static std::vector<std::uint8_t> event(const std::string& name, Value::Map data) {

@@ -36,8 +36,14 @@ SteadyTime ManualExecutor::now() const {
 }
 
 WallTime ManualExecutor::wallNow() const {
-  return WallTime(std::chrono::duration_cast<WallTime::duration>(kWallEpoch)) +
-         std::chrono::duration_cast<WallTime::duration>(now().time_since_epoch());
+  std::lock_guard lock(mutex_);
+  return WallTime(std::chrono::duration_cast<WallTime::duration>(kWallEpoch + wallOffset_)) +
+         std::chrono::duration_cast<WallTime::duration>(now_.time_since_epoch());
+}
+
+void ManualExecutor::setWallClock(Duration offset) {
+  std::lock_guard lock(mutex_);
+  wallOffset_ = offset;
 }
 
 bool ManualExecutor::popDue(SteadyTime limit, Entry& out) {

@@ -32,6 +32,8 @@ class ManualExecutor final : public Executor, public Clock {
   std::size_t advanceSeconds(double s) { return advance(seconds(s)); }
   // Runs what is due now, without moving the clock.
   std::size_t runUntilIdle() { return advance(Duration::zero()); }
+  // Sets the wall clock apart from the steady one, as when the user sets the system time.
+  void setWallClock(Duration offset);
   // Tasks not yet run and not cancelled, due now or later.
   std::size_t pendingCount() const;
   // The delay until the earliest pending task, if any.
@@ -56,6 +58,7 @@ class ManualExecutor final : public Executor, public Clock {
   std::vector<Entry> queue_;
   std::uint64_t nextSeq_ = 0;
   SteadyTime now_{};
+  Duration wallOffset_{};
 };
 
 // RAII: installs a ManualExecutor as the main queue for the scope of a test.

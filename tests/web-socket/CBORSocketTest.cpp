@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "../support/Hex.h"
+#include "../support/LogCapture.h"
 #include "../support/ManualExecutor.h"
 #include "cbor/CBORDecoder.h"
 #include "quorvix/CBOR.h"
@@ -32,6 +33,8 @@ class FakeTransport final : public SocketTransport {
   }
   void disconnect(std::optional<TransportError> error) override {
     ++disconnects;
+    if (reportsDisconnectLater)
+      return;
     connected = false;
     delegate_->websocketDidDisconnect(std::move(error));
   }
@@ -60,6 +63,9 @@ class FakeTransport final : public SocketTransport {
   bool failsAtOnce = false;
   // Reports the connection from a thread of its own before connect() returns.
   bool opensFromAnotherThread = false;
+  // Like the library's own client: disconnect() only starts the close handshake, and the end is
+  // reported later (by drop()).
+  bool reportsDisconnectLater = false;
   int connects = 0;
   int disconnects = 0;
   std::vector<std::vector<std::uint8_t>> writes;
@@ -92,6 +98,7 @@ class CBORSocketTest : public ::testing::Test {
       auto t = std::make_shared<FakeTransport>(r);
       t->failsAtOnce = failAtOnce;
       t->opensFromAnotherThread = openFromAnotherThread;
+      t->reportsDisconnectLater = disconnectReportsLater;
       transports.push_back(t);
       return t;
     };
@@ -123,6 +130,7 @@ class CBORSocketTest : public ::testing::Test {
   std::deque<std::uint32_t> randoms;
   bool failAtOnce = false;
   bool openFromAnotherThread = false;
+  bool disconnectReportsLater = false;
   std::vector<std::shared_ptr<FakeTransport>> transports;
   std::vector<std::shared_ptr<CBORSocket>> sockets;
   int requests = 0;
@@ -369,6 +377,129 @@ TEST_F(CBORSocketTest, EstimatesLatencyFromTheTimedMessage) {
   main->advanceSeconds(0.5);
   last().receive(CBOR(CBOR::Map{{text("ack"), uint(5)}}));
   EXPECT_NEAR(socket->metrics().latency(), 0.125 * 0.5 + 0.875 * 1.95, kClockGrain);
+}
+
+CBOR ack(std::uint64_t id) {
+  return CBOR(CBOR::Map{{text("ack"), uint(id)}});
+}
+
+CBOR event(const char* name, CBOR::Map data = {}) {
+  return CBOR(CBOR::Map{{text("event"), text(name)}, {text("data"), CBOR(std::move(data))}});
+}
+
+// Acks, data, connects and pongs of a transport that has ended, or been replaced, belong to a
+// numbering that no longer exists: taking them would make the lag meaningless.
+TEST_F(CBORSocketTest, DropsEverythingFromATransportOnceItHasEnded) {
+  auto socket = make();
+  last().open();
+  int connects = 0;
+  int events = 0;
+  socket->onConnect([&] { ++connects; });
+  socket->onMessage("x", [&](const Value::Map&) { ++events; });
+  for (int i = 0; i < 3; ++i)
+    socket->send("frame", {});
+  auto old = transports[0];
+  old->drop();
+  // Still arriving during the close handshake, or already queued.
+  old->receive(ack(3));
+  old->receive(event("x"));
+  EXPECT_EQ(socket->messageLag(), 0u);
+  EXPECT_EQ(events, 0);
+
+  main->advanceSeconds(socket->minReconnectDelay());
+  ASSERT_EQ(transports.size(), 2u);
+  last().open();
+  EXPECT_EQ(connects, 1);
+  socket->send("frame", {});
+  old->receive(ack(3));
+  old->open();
+  old->receive(event("x"));
+  old->drop();
+  EXPECT_EQ(socket->messageLag(), 0u);
+  EXPECT_EQ(connects, 1);
+  EXPECT_EQ(events, 0);
+  EXPECT_FALSE(socket->isReconnectScheduled());
+
+  // An old pong does not cancel the current deadline.
+  main->advanceSeconds(60.0);
+  old->delegate()->websocketDidReceivePong();
+  main->advanceSeconds(10.0);
+  EXPECT_EQ(transports[1]->disconnects, 1);
+
+  // The current transport's own events still count.
+  main->advanceSeconds(socket->minReconnectDelay());
+  ASSERT_EQ(transports.size(), 3u);
+  last().open();
+  last().receive(event("x"));
+  EXPECT_EQ(connects, 2);
+  EXPECT_EQ(events, 1);
+}
+
+// The library's own client reports its end only after the close handshake, which a dead
+// connection never finishes.
+TEST_F(CBORSocketTest, APongDeadlineEndsATransportThatReportsLaterExactlyOnce) {
+  disconnectReportsLater = true;
+  auto socket = make();
+  last().open();
+  socket->onDisconnect([this](const std::optional<QRVError>&) { ++disconnects; });
+  for (int i = 0; i < 3; ++i)
+    socket->send("frame", {});
+  main->advanceSeconds(70.0);
+  EXPECT_EQ(transports[0]->disconnects, 1);
+  EXPECT_EQ(disconnects, 1);
+  main->advanceSeconds(socket->minReconnectDelay());
+  ASSERT_EQ(transports.size(), 2u);
+  transports[0]->drop();  // its late report
+  EXPECT_EQ(disconnects, 1);
+  last().open();
+  socket->send("frame", {});
+  EXPECT_EQ(*sent()[0].find("id"), uint(1));
+}
+
+TEST_F(CBORSocketTest, IgnoresAnAckAboveTheLastSentIdAndSaysSoOnce) {
+  test::LogCapture log;
+  auto socket = make();
+  last().open();
+  socket->send("frame", {});
+  last().receive(ack(99));
+  last().receive(ack(99));
+  EXPECT_EQ(socket->messageLag(), 0u);
+  EXPECT_EQ(
+      log.messages(LogLevel::error),
+      std::vector<std::string>{"Ignored an acknowledgement of message 99, above the last sent 1"});
+  last().receive(ack(1));
+  socket->send("frame", {});
+  EXPECT_EQ(socket->messageLag(), 1u);
+}
+
+// Maps whose keys are not all text reach listeners as CBOR items, so keys that would convert to
+// the same text ("1" and 1) cannot clash; the connection goes on.
+TEST_F(CBORSocketTest, KeepsMapsWithNonTextKeysAsItems) {
+  auto socket = make();
+  last().open();
+  std::vector<Value::Map> got;
+  socket->onMessage("x", [&](const Value::Map& d) { got.push_back(d); });
+  last().receive(
+      event("x", {{text("m"), CBOR(CBOR::Map{{uint(1), text("a")}, {text("1"), text("b")}})}}));
+  // Duplicate text keys on the wire: the decoder keeps the last.
+  last().delegate()->websocketDidReceiveData(
+      hex("a2 65 6576656e74 61 78 64 64617461 a2 61 6b 01 61 6b 02"));
+  ASSERT_EQ(got.size(), 2u);
+  ASSERT_TRUE(got[0].at("m").isCBOR());
+  EXPECT_EQ(got[1].at("k"), Value(std::uint64_t{2}));
+}
+
+// The estimate runs on the monotonic clock: setting the system time does not disturb it.
+TEST_F(CBORSocketTest, LatencyIgnoresTheWallClock) {
+  auto socket = make();
+  last().open();
+  socket->send("frame", {});
+  main->advanceSeconds(1.0);
+  main->setWallClock(seconds(-3600.0));
+  main->advanceSeconds(1.0);
+  EXPECT_NEAR(socket->metrics().latency(), 2.0, 1e-6);
+  last().receive(ack(1));
+  EXPECT_NEAR(socket->metrics().latency(), 2.0, 1e-6);
 }
 
 }  // namespace
