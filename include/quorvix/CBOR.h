@@ -188,7 +188,7 @@ class CBORWriter {
 
  private:
   std::vector<std::uint8_t>& out_;
-  const CBOROptions& options_;
+  const CBOROptions options_;
 };
 
 }  // namespace quorvix

@@ -1,5 +1,6 @@
 #include "cbor/CBORDecoder.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -7,6 +8,9 @@
 
 namespace quorvix {
 namespace {
+
+// Elements reserved up front for a definite array; more are added as they are read.
+constexpr std::size_t kMaxReserve = 1024;
 
 float halfToFloat(std::uint16_t h) {
   int exponent = (h >> 10) & 0x1f;
@@ -265,7 +269,9 @@ bool CBORDecoder::readItem(CBOR& out, int depth) {
         std::size_t n;
         if (!readLength(additional, n))
           return false;
-        items.reserve(n);
+        // A count is only a claim: each element is far larger in memory than its one byte on the
+        // wire, and nested arrays would each reserve for the same remaining input.
+        items.reserve(std::min<std::size_t>(n, kMaxReserve));
         for (std::size_t i = 0; i < n; ++i) {
           items.emplace_back();
           if (!readItem(items.back(), depth + 1))

@@ -16,6 +16,14 @@ namespace quorvix {
 
 class CBORSocket;
 
+// The largest message a realtime socket takes. The service sends acknowledgements, session
+// updates and agent events, all far below this (frames only go out); anything larger is a fault
+// or an attack, and ends the connection.
+constexpr std::size_t kMaxIncomingMessageBytes = 1u << 20;
+// Received bytes that may wait for the main queue before a transport stops reading, so that a
+// busy main queue slows the peer down instead of buffering without limit.
+constexpr std::size_t kMaxQueuedIncomingBytes = 4u << 20;
+
 // The receiver of one transport's events, installed by a CBOR socket: each transport gets its own,
 // numbered, so that the socket can tell a current transport's events from those of one that has
 // ended or been replaced. It holds the socket weakly so that a transport never keeps it alive.

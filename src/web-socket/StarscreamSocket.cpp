@@ -28,7 +28,9 @@ class StarscreamSocket::Adapter final : public WebSocketDelegate, public WebSock
 
 StarscreamSocket::StarscreamSocket(const QRVSocketRequest& request,
                                    StarscreamWebSocket::StreamFactory streamFactory)
-    : client_(StarscreamWebSocket::create(request, {}, std::move(streamFactory))) {}
+    : client_(StarscreamWebSocket::create(request, {}, std::move(streamFactory))) {
+  client_->maximumMessageSize = kMaxIncomingMessageBytes;
+}
 
 StarscreamSocket::~StarscreamSocket() = default;
 

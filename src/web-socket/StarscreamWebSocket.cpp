@@ -44,6 +44,9 @@ std::vector<std::uint8_t> closePayload(int code) {
 // For requests that carry no timeout of their own.
 constexpr double kDefaultTimeout = 10.0;
 
+// Received bytes that may wait for the callback queue before reading stops.
+constexpr std::size_t kMaxQueuedMessageBytes = 4u << 20;
+
 }  // namespace
 
 // One connection attempt. Everything below runs on the stream's work queue.
@@ -53,7 +56,13 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
   std::shared_ptr<WSStream> stream;
   WSHandshakeInput input;
   bool respondToPing = true;
+  std::uint64_t maxMessage = 256u << 20;
+  std::shared_ptr<Executor> queue;
+  Duration timeout = seconds(kDefaultTimeout);
   TaskHandle openDeadline;
+  // While a released client's close handshake runs, the connection keeps itself alive.
+  std::shared_ptr<Connection> closing;
+  TaskHandle closeDeadline;
 
   std::optional<WSHandshakeReader> handshake;
   WSFrameReader reader;
@@ -63,6 +72,39 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
   bool open = false;
   bool ended = false;
   bool closeSent = false;
+  // Bytes of messages posted to the callback queue and not yet handled there.
+  std::size_t queued = 0;
+
+  void prepare() {
+    reader = WSFrameReader(false, maxMessage);
+    assembler = WSMessageAssembler(maxMessage);
+  }
+
+  // A callback queue that falls behind stops the reading until it has caught up.
+  void didQueue(std::size_t size) {
+    queued += size;
+    if (queued > kMaxQueuedMessageBytes)
+      stream->setReadingPaused(true);
+  }
+
+  void didDeliver(std::size_t size) {
+    queued -= size;
+    if (queued <= kMaxQueuedMessageBytes / 2)
+      stream->setReadingPaused(false);
+  }
+
+  // The client is gone. Once a close frame was queued, the handshake still runs to its end (the
+  // server's close frame, or the timeout), so the server sees an orderly close; otherwise the
+  // stream closes at once.
+  void release() {
+    if (!open || ended || !closeSent)
+      return stream->close();
+    closing = shared_from_this();
+    closeDeadline = queue->postAfter(timeout, [weak = weak_from_this()] {
+      if (auto c = weak.lock())
+        c->stream->post([c] { c->end(std::nullopt, std::nullopt); });
+    });
+  }
 
   void streamDidOpen() override {
     const std::string key = webSocketKey(secureRandom<16>());
@@ -88,6 +130,8 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
 
   void streamDidEnd(std::optional<TransportError> error) override {
     ended = true;
+    auto self = std::move(closing);
+    closeDeadline.cancel();
     openDeadline.cancel();
     if (auto o = owner.lock())
       o->connectionEnded(this, std::move(error));
@@ -100,9 +144,12 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
     const WSCompressionConfig& c = response.compression;
     if (input.enableCompression && c.enabled) {
       reader.setCompressionNegotiated(true);
-      compressor = std::make_unique<WSCompressor>(c.clientMaxWindowBits, c.clientNoContextTakeover);
-      decompressor =
-          std::make_unique<WSDecompressor>(c.serverMaxWindowBits, c.serverNoContextTakeover);
+      // zlib's raw deflate cannot keep to an 8-bit window; sending uncompressed is always allowed.
+      if (c.clientMaxWindowBits > 8)
+        compressor =
+            std::make_unique<WSCompressor>(c.clientMaxWindowBits, c.clientNoContextTakeover);
+      decompressor = std::make_unique<WSDecompressor>(c.serverMaxWindowBits,
+                                                      c.serverNoContextTakeover, maxMessage);
     }
     auto o = owner.lock();
     if (!o)
@@ -132,8 +179,9 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
       return fail(*error);
     if (!message)
       return;
+    // Without an owner, only the close handshake still matters.
     auto o = owner.lock();
-    if (!o)
+    if (!o && message->opcode != OpCode::connectionClose && message->opcode != OpCode::ping)
       return;
     switch (message->opcode) {
       case OpCode::ping:
@@ -175,11 +223,15 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
           d->websocketDidReceiveMessage(s, text);
       });
     } else {
-      o->post([data = std::move(data)](StarscreamWebSocket& s) mutable {
+      didQueue(data.size());
+      o->post([weak = weak_from_this(), data = std::move(data)](StarscreamWebSocket& s) mutable {
+        const std::size_t size = data.size();
         if (s.onData)
           s.onData(data);
         if (auto d = s.delegate.lock())
           d->websocketDidReceiveData(s, std::move(data));
+        if (auto c = weak.lock())
+          c->stream->post([c, size] { c->didDeliver(size); });
       });
     }
   }
@@ -218,6 +270,8 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
   void end(std::optional<TransportError> error, std::optional<int> sendClose) {
     if (ended)
       return;
+    auto self = std::move(closing);
+    closeDeadline.cancel();
     openDeadline.cancel();
     if (sendClose && open && !closeSent) {
       send(OpCode::connectionClose, closePayload(*sendClose), nullptr);
@@ -248,7 +302,7 @@ StarscreamWebSocket::StarscreamWebSocket(QRVSocketRequest request,
 
 StarscreamWebSocket::~StarscreamWebSocket() {
   if (auto c = current())
-    c->stream->close();
+    c->stream->post([c] { c->release(); });
 }
 
 bool StarscreamWebSocket::connect() {
@@ -273,6 +327,9 @@ void StarscreamWebSocket::createHTTPRequest() {
   connection->owner = weak_from_this();
   connection->stream = streamFactory_();
   connection->respondToPing = respondToPingWithPong;
+  connection->maxMessage = maximumMessageSize;
+  connection->queue = callbackQueue;
+  connection->prepare();
   WSHandshakeInput& input = connection->input;
   input.resource = endpoint.resource;
   input.host = endpoint.authority;
@@ -293,6 +350,7 @@ void StarscreamWebSocket::createHTTPRequest() {
   }
   const Duration timeout =
       request_.timeout > Duration::zero() ? Duration(request_.timeout) : seconds(kDefaultTimeout);
+  connection->timeout = timeout;
   // The budget covers the upgrade too: a server that accepts and never answers is given up.
   // Armed before connecting, so that the stream's thread only ever sees it set.
   connection->openDeadline =
@@ -309,10 +367,9 @@ void StarscreamWebSocket::createHTTPRequest() {
 }
 
 void StarscreamWebSocket::disconnect(std::optional<Duration> forceTimeout, int code) {
-  auto drop = [weak = weak_from_this()] {
-    auto self = weak.lock();
-    auto c = self ? self->current() : nullptr;
-    if (c)
+  // The connection of this call only: a later connect() makes a new one that must stay.
+  auto drop = [weak = std::weak_ptr<Connection>(current())] {
+    if (auto c = weak.lock())
       c->stream->post([c] { c->end(std::nullopt, std::nullopt); });
   };
   if (forceTimeout && *forceTimeout <= Duration::zero())

@@ -58,6 +58,8 @@ class StarscreamWebSocket : public std::enable_shared_from_this<StarscreamWebSoc
   std::shared_ptr<Executor> callbackQueue;
   bool enableCompression = true;
   bool respondToPingWithPong = true;
+  // A larger incoming message, compressed or not, ends the connection with 1009.
+  std::uint64_t maximumMessageSize = 256u << 20;
 
   // Receivers, held weakly and read on the callback queue.
   std::weak_ptr<WebSocketDelegate> delegate;
@@ -74,7 +76,8 @@ class StarscreamWebSocket : public std::enable_shared_from_this<StarscreamWebSoc
   // The opening handshake on a new stream.
   void createHTTPRequest();
   // Without a timeout: sends a close frame and waits for the server's. With one: also drops the
-  // connection once it has passed. Zero: drops it at once, reporting no error.
+  // connection once it has passed. Zero: drops it at once, reporting no error. Releasing the
+  // client after a close frame was queued still sends it before the stream closes.
   void disconnect(std::optional<Duration> forceTimeout = std::nullopt,
                   int closeCode = closeCode::normal);
   void write(std::vector<std::uint8_t> data, Completion completion = {});

@@ -58,6 +58,9 @@ class WSStream {
                      WriteDone done) = 0;
   // Closes without another delegate call. Idempotent.
   virtual void close() = 0;
+  // While paused, no more bytes are read from the socket, so a receiver that falls behind holds
+  // the peer back instead of buffering. Call on the work queue.
+  virtual void setReadingPaused(bool paused) = 0;
   virtual void post(Task task) = 0;
   virtual bool isCurrent() const = 0;
 };

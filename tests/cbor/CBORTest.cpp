@@ -339,5 +339,17 @@ TEST(CBORTest, ValuesCarryCBORThroughUnconverted) {
   EXPECT_FALSE(v.toJson());
 }
 
+// Nested arrays each claiming sixteen million elements over sixteen megabytes of input: every
+// claim is within the remaining bytes, but reserving for them all would take terabytes.
+TEST(CBORDecoderTest, DoesNotReserveWhatNestedCountsOnlyClaim) {
+  std::vector<std::uint8_t> bytes;
+  for (int level = 0; level < 500; ++level)
+    bytes.insert(bytes.end(), {0x9a, 0x01, 0x00, 0x00, 0x00});
+  bytes.push_back(0x80);  // the innermost is empty
+  bytes.push_back(0x1c);  // and its sibling malformed
+  bytes.resize(bytes.size() + (16u << 20), 0x00);
+  EXPECT_FALSE(CBORDecoder(bytes).decodeItem());
+}
+
 }  // namespace
 }  // namespace quorvix

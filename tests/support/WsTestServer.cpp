@@ -50,6 +50,7 @@ struct WsTestServer::Impl {
   std::vector<std::shared_ptr<SessionBase>> sessions;
   std::vector<std::map<std::string, std::string>> headers;
   std::vector<WsReceived> received;
+  std::vector<int> endings;
   std::atomic<std::uint64_t> messages{0}, bytes{0};
   std::atomic<int> upgrades{0};
   std::atomic<bool> lastDeflate{false};
@@ -173,9 +174,13 @@ class Session final : public SessionBase, public std::enable_shared_from_this<Se
 
   void read() {
     ws_.async_read(in_, [self = this->shared_from_this()](const error_code& ec, std::size_t n) {
-      if (ec)
-        return;
       auto& server = *self->server_;
+      if (ec) {
+        // A connection that ends with the client's close frame, or without one.
+        std::lock_guard lock(server.mutex);
+        server.endings.push_back(ec == websocket::error::closed ? int(self->ws_.reason().code) : 0);
+        return;
+      }
       server.messages++;
       server.bytes += n;
       const bool binary = self->ws_.got_binary();
@@ -305,6 +310,11 @@ bool WsTestServer::lastUsedDeflate() const {
 void WsTestServer::sendToAll(std::vector<std::uint8_t> data, bool binary) {
   auto shared = std::make_shared<const std::vector<std::uint8_t>>(std::move(data));
   impl_->forEach([shared, binary](SessionBase& s) { s.send(shared, binary); });
+}
+
+std::vector<int> WsTestServer::endings() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->endings;
 }
 
 void WsTestServer::closeAll(std::uint16_t code, const std::string& reason) {

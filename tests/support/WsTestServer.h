@@ -48,6 +48,8 @@ class WsTestServer {
   std::vector<WsReceived> received() const;
   std::uint64_t messagesReceived() const;
   std::uint64_t bytesReceived() const;
+  // How each ended connection ended: the code of the client's close frame, or 0 without one.
+  std::vector<int> endings() const;
   // Whether the last connection negotiated compression.
   bool lastUsedDeflate() const;
 

@@ -189,10 +189,14 @@ TEST_P(TransportTest, DisconnectReportsAtOnceOnlyOnThePlatformTransport) {
     // The cancelled task reports again later, as the platform's does.
     EXPECT_TRUE(until([](Recorder& r) { return r.disconnects.size() == 2; }));
   }
-  // Writes after the end do not reach the server.
+  // Writes after the end do not reach the server. Both transports handle writes on the shared
+  // network thread in order, so once a later connection's message is in, this one was dropped.
   transport->write(pattern(10));
-  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
-  EXPECT_EQ(server.messagesReceived(), 0u);
+  recorder = std::make_shared<Recorder>();
+  auto marker = open(server.url());
+  marker->write({42});
+  ASSERT_TRUE(main->runUntil([&] { return server.messagesReceived() == 1; }));
+  EXPECT_EQ(server.received().at(0).data, std::vector<std::uint8_t>{42});
 }
 
 TEST_P(TransportTest, TrustsOnlyVerifiedCertificatesForTheRightHost) {
@@ -234,6 +238,50 @@ TEST_P(TransportTest, TrustsOnlyVerifiedCertificatesForTheRightHost) {
   }
 }
 
+// The service sends nothing near this size; a larger message is refused, not buffered.
+TEST_P(TransportTest, EndsTheConnectionOnAMessageAboveTheLimit) {
+  WsTestServer server;
+  auto transport = open(server.url());
+  ASSERT_TRUE(main->runUntil([&] { return server.upgrades() == 1; }));
+  server.sendToAll(pattern(kMaxIncomingMessageBytes));
+  server.sendToAll(pattern(kMaxIncomingMessageBytes + 1));
+  ASSERT_TRUE(until([](Recorder& r) { return !r.disconnects.empty(); }));
+  main->runUntilIdle();
+  ASSERT_EQ(recorder->data.size(), 1u);
+  EXPECT_EQ(recorder->data[0].size(), kMaxIncomingMessageBytes);
+  EXPECT_TRUE(recorder->disconnects[0].has_value());
+}
+
+// While the main queue is busy, a transport stops reading rather than queueing without bound,
+// and picks up again where it left off.
+TEST_P(TransportTest, HoldsThePeerBackWhileTheMainQueueFallsBehind) {
+  WsTestServer server;
+  auto transport = open(server.url());
+  ASSERT_TRUE(main->runUntil([&] { return server.upgrades() == 1; }));
+  constexpr int kMessages = 40;
+  constexpr std::size_t kSize = 512u << 10;
+  for (int i = 0; i < kMessages; ++i) {
+    auto message = pattern(kSize);
+    message[0] = static_cast<std::uint8_t>(i);
+    server.sendToAll(std::move(message));
+  }
+  std::size_t most = 0;
+  for (int round = 0; round < 10 * kMessages; ++round) {
+    if (recorder->read([](Recorder& r) { return r.data.size(); }) == kMessages)
+      break;
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (main->pendingCount() == 0 && std::chrono::steady_clock::now() < limit)
+      std::this_thread::yield();
+    ASSERT_GT(main->pendingCount(), 0u) << "delivery stopped after " << recorder->data.size();
+    most = std::max(most, main->pendingCount());
+    main->runUntilIdle();
+  }
+  ASSERT_EQ(recorder->data.size(), std::size_t{kMessages});
+  for (int i = 0; i < kMessages; ++i)
+    EXPECT_EQ(recorder->data[i][0], i);
+  EXPECT_LE(most * kSize, kMaxQueuedIncomingBytes + 2 * kSize);
+}
+
 INSTANTIATE_TEST_SUITE_P(Transports,
                          TransportTest,
                          ::testing::Values(WebsocketMethod::urlSession,
@@ -252,10 +300,11 @@ TEST(BeastSocketTest, AfterATextMessageNothingIsDeliveredButPingsStillWork) {
       main->runUntil([&] { return recorder->read([](Recorder& r) { return r.connects; }); }));
   server.sendToAll({'h', 'i'}, false);
   server.sendToAll({1, 2, 3}, true);
-  main->runUntil([] { return false; }, std::chrono::milliseconds(100));
+  // Once our ping's pong is back, the binary message sent before it was read (and anything it
+  // delivered was posted before the pong was reported).
   transport.writePing({});
   ASSERT_TRUE(main->runUntil([&] { return recorder->read([](Recorder& r) { return r.pongs; }); }));
-  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  main->runUntilIdle();
   EXPECT_TRUE(recorder->data.empty());
   EXPECT_TRUE(transport.isConnected());
 }
@@ -414,6 +463,20 @@ TEST_P(CBORSocketRecoveryTest, KeepsRetryingARefusedUpgrade) {
   EXPECT_EQ(seen->connects, 0);
   if (GetParam() == WebsocketMethod::starscream) {
     EXPECT_EQ(seen->errors[0], QRVError("CBORSocket", 401, ""));
+  }
+}
+
+// The service must see an orderly close, not a lost connection, whichever transport closes.
+TEST_P(CBORSocketRecoveryTest, ClosesWithACloseFrameEveryTime) {
+  WsTestServer server;
+  for (int round = 1; round <= 5; ++round) {
+    SCOPED_TRACE(round);
+    start(server);
+    ASSERT_TRUE(main->runUntil([&] { return socket->isConneced(); }));
+    socket->disconnect();
+    socket.reset();
+    ASSERT_TRUE(main->runUntil([&] { return server.endings().size() == std::size_t(round); }));
+    EXPECT_EQ(server.endings().back(), 1000);
   }
 }
 

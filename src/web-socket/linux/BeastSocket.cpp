@@ -59,25 +59,32 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
 
   void ping(Completion completion) { enqueue(Op{Op::ping, {}, std::move(completion)}); }
 
-  // Cancelling the task: a close frame with 1000, then the socket goes.
+  // Cancelling the task: a close frame with 1000, then the socket goes. Nothing received is
+  // delivered from now on, not even what is already on its way to the main queue.
   void cancel() {
+    delivering_ = false;
     asio::post(io_, [self = shared_from_this()] {
       if (self->cancelled_)
         return;
       self->cancelled_ = true;
-      if (self->open_)
+      if (self->open_ && !self->ended_) {
+        self->closing_ = true;
         self->writes_.push_back(Op{Op::close, {}, nullptr});
+      }
       self->pump();
       if (!self->open_)
         self->closeSocket();
     });
   }
 
-  // The transport is gone: close at once, quietly.
+  // The transport is gone: close quietly, at once unless a close handshake is under way, which
+  // runs to its end (bounded by the handshake timeout) so that the server sees an orderly close.
   void abandon() {
+    delivering_ = false;
     asio::post(io_, [self = shared_from_this()] {
       self->cancelled_ = true;
-      self->closeSocket();
+      if (!self->closing_)
+        self->closeSocket();
     });
   }
 
@@ -167,7 +174,7 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
       deflate.client_enable = true;
       ws.set_option(deflate);
       ws.binary(true);
-      ws.read_message_max(256u << 20);
+      ws.read_message_max(kMaxIncomingMessageBytes);
       ws.set_option(websocket::stream_base::decorator(
           [headers = request_.headers](websocket::request_type& req) {
             for (const auto& [name, value] : headers)
@@ -239,14 +246,30 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
       const auto bytes = buffer_.cdata();
       const auto* p = static_cast<const std::uint8_t*>(bytes.data());
       std::vector<std::uint8_t> data(p, p + bytes.size());
-      mainQueue()->post([state = state_, data = std::move(data)]() mutable {
-        if (auto s = state.lock())
-          if (auto d = s->currentDelegate())
-            d->websocketDidReceiveData(std::move(data));
+      queued_ += data.size();
+      mainQueue()->post([self = shared_from_this(), data = std::move(data)]() mutable {
+        const std::size_t size = data.size();
+        if (self->delivering_)
+          if (auto s = self->state_.lock())
+            if (auto d = s->currentDelegate())
+              d->websocketDidReceiveData(std::move(data));
+        asio::post(self->io_, [self, size] { self->consumed(size); });
       });
     }
     buffer_.clear();
-    read();
+    // A main queue that falls behind stops the reading until it has caught up.
+    if (queued_ > kMaxQueuedIncomingBytes)
+      readPaused_ = true;
+    else
+      read();
+  }
+
+  void consumed(std::size_t size) {
+    queued_ -= size;
+    if (readPaused_ && queued_ <= kMaxQueuedIncomingBytes / 2 && !ended_) {
+      readPaused_ = false;
+      read();
+    }
   }
 
   void enqueue(Op op) {
@@ -360,6 +383,12 @@ class BeastSocket::Connection : public std::enable_shared_from_this<Connection> 
   std::deque<Op> writes_;
   std::optional<Op> inFlight_;
   std::deque<Completion> pongWaiters_;
+  // Set off the network thread by cancel() and abandon(), read on the main queue.
+  std::atomic<bool> delivering_{true};
+  // Bytes posted to the main queue and not yet handled there.
+  std::size_t queued_ = 0;
+  bool readPaused_ = false;
+  bool closing_ = false;
   bool open_ = false;
   bool writing_ = false;
   bool deliver_ = true;
@@ -373,8 +402,13 @@ BeastSocket::BeastSocket(QRVSocketRequest request, std::shared_ptr<QRVURLSession
       state_(std::make_shared<State>()) {}
 
 BeastSocket::~BeastSocket() {
-  if (task_)
-    task_->abandon();
+  if (auto task = this->task())
+    task->abandon();
+}
+
+std::shared_ptr<BeastSocket::Connection> BeastSocket::task() const {
+  std::lock_guard lock(taskMutex_);
+  return task_;
 }
 
 bool BeastSocket::isConnected() const {
@@ -391,15 +425,20 @@ void BeastSocket::setDelegate(std::shared_ptr<SocketDelegate> delegate) {
 }
 
 void BeastSocket::connect() {
-  if (task_)
-    task_->abandon();
-  task_ = std::make_shared<Connection>(request_, state_);
-  task_->start();
+  auto task = std::make_shared<Connection>(request_, state_);
+  std::shared_ptr<Connection> previous;
+  {
+    std::lock_guard lock(taskMutex_);
+    previous = std::exchange(task_, task);
+  }
+  if (previous)
+    previous->abandon();
+  task->start();
 }
 
 void BeastSocket::disconnect(std::optional<TransportError> error) {
   // Told first, so that the cancelled task's own later report cannot overtake this one.
-  auto task = task_;
+  auto task = this->task();
   state_->connected = false;
   if (auto d = delegate())
     d->websocketDidDisconnect(std::move(error));
@@ -408,13 +447,13 @@ void BeastSocket::disconnect(std::optional<TransportError> error) {
 }
 
 void BeastSocket::write(std::vector<std::uint8_t> data, Completion completion) {
-  if (task_)
-    task_->send(std::move(data), std::move(completion));
+  if (auto task = this->task())
+    task->send(std::move(data), std::move(completion));
 }
 
 void BeastSocket::writePing(std::vector<std::uint8_t>, Completion completion) {
-  if (task_)
-    task_->ping(std::move(completion));
+  if (auto task = this->task())
+    task->ping(std::move(completion));
 }
 
 }  // namespace quorvix

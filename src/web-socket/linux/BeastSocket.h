@@ -2,10 +2,12 @@
 // system's URL-session WebSocket task. Binary messages only (a text message ends delivery on
 // that connection while pings keep working), close codes other than 1000 become errors in
 // domain "URLSessionWebSocketTask", disconnect() reports at once, and connect, disconnect and
-// pong events come from the network thread while data arrives on the main queue.
+// pong events come from the network thread while data arrives on the main queue. Its methods may
+// be called from any thread (frames are sent from the encoder's).
 #pragma once
 
 #include <memory>
+#include <mutex>
 
 #include "web-socket/SocketTransport.h"
 
@@ -34,7 +36,10 @@ class BeastSocket final : public SocketTransport {
  private:
   const QRVSocketRequest request_;
   std::shared_ptr<QRVURLSession> session_;
+  std::shared_ptr<Connection> task() const;
+
   std::shared_ptr<State> state_;
+  mutable std::mutex taskMutex_;
   std::shared_ptr<Connection> task_;
 };
 

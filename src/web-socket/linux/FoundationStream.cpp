@@ -55,6 +55,12 @@ class FoundationStream final : public WSStream,
     post([self = shared_from_this()] { self->shutdown(); });
   }
 
+  void setReadingPaused(bool paused) override {
+    readingPaused_ = paused;
+    if (!paused && !reading_ && readStarted_ && !closed_)
+      read();
+  }
+
   void post(Task task) override { asio::post(io_, std::move(task)); }
   bool isCurrent() const override { return thread_->isCurrent(); }
 
@@ -105,7 +111,8 @@ class FoundationStream final : public WSStream,
       return;
     if (ec)
       return fail(systemError(ec));
-    socket_.set_option(tcp::no_delay(true));
+    error_code ignored;  // a socket without it only sends a little later
+    socket_.set_option(tcp::no_delay(true), ignored);
     if (!tls_)
       return opened();
     tls_->async_handshake(asio::ssl::stream_base::client,
@@ -129,6 +136,8 @@ class FoundationStream final : public WSStream,
   }
 
   void read() {
+    readStarted_ = true;
+    reading_ = true;
     withStream([this](auto& stream) {
       stream.async_read_some(asio::buffer(readBuffer_),
                              [self = shared_from_this()](const error_code& ec, std::size_t n) {
@@ -138,6 +147,7 @@ class FoundationStream final : public WSStream,
   }
 
   void didRead(const error_code& ec, std::size_t n) {
+    reading_ = false;
     if (closed_)
       return;
     if (n > 0) {
@@ -152,7 +162,8 @@ class FoundationStream final : public WSStream,
       return end(std::nullopt);
     if (ec)
       return end(systemError(ec));
-    read();
+    if (!readingPaused_)
+      read();
   }
 
   void pumpWrites() {
@@ -249,6 +260,9 @@ class FoundationStream final : public WSStream,
   std::deque<PendingWrite> writes_;
   std::size_t progress_ = 0;
   bool writing_ = false;
+  bool readStarted_ = false;
+  bool reading_ = false;
+  bool readingPaused_ = false;
   bool timedOut_ = false;
   bool closed_ = false;
 };
