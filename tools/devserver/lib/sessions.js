@@ -196,6 +196,8 @@ export class Sessions {
 
   changed_(session) {
     session.updated = now();
+    // Lets a reader that hears of a session by two roads (an answer and a push) keep the newer.
+    session.revision = (session.revision ?? 0) + 1;
     this.store_.changed();
     this.schedule_(session);
     this.notify_(session);
@@ -285,6 +287,7 @@ export function agentView(session, extra = {}) {
     device_id: session.device_id,
     created: session.created,
     updated: session.updated,
+    revision: session.revision,
     ...extra,
   };
   if (session.agent) view.agent = session.agent;

@@ -225,7 +225,9 @@ export class Hub {
   fromAgent(agent, event, data) {
     const session = this.store.sessions.get(agent.sessionId);
     if (!kAgentEvents.has(event)) return agent.send('notice', { message: `unknown event "${event}"` });
-    if (!session || session.state !== 'active')
+    // Asking for a key frame or a sign of life is fine before the device admits the agent.
+    const beforeActive = event === 'sync' || event === 'probe';
+    if (!session || session.state === 'ended' || (session.state !== 'active' && !beforeActive))
       return agent.send('notice', { message: `"${event}" not sent: the session is not active` });
     if (kNeedRemoteControl.has(event) && session.remote_control !== 'on')
       return agent.send('notice', { message: `"${event}" not sent: remote control is not on` });
