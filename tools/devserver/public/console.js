@@ -14,7 +14,18 @@ let lobbyTimer = null;
 const screen = new Screen($('screen'), {
   onNeedKeyFrame: () => current?.link.send('sync', {}),
   onError: (message) => notice(message),
+  onResize: () => fitScreen(),
 });
+
+// The picture fills the width it has, and no more than most of the window's height.
+function fitScreen() {
+  const canvas = $('screen');
+  const room = $('session-view').clientWidth || document.body.clientWidth;
+  const scale = Math.min(room / canvas.width, (window.innerHeight * 0.75) / canvas.height);
+  canvas.style.width = `${Math.floor(canvas.width * scale)}px`;
+  canvas.style.height = `${Math.floor(canvas.height * scale)}px`;
+}
+window.addEventListener('resize', fitScreen);
 const tools = new Tools({
   stage: $('stage'),
   screen: $('screen'),
@@ -163,6 +174,7 @@ function openSession(session) {
   });
   current = { id: session.id, link, session };
   show('session-view');
+  fitScreen();
   renderSession(session);
   $('stage').focus({ preventScroll: true });
 }
@@ -216,6 +228,7 @@ function renderSession(s) {
   $('remote-control').disabled = !active;
   $('end').disabled = s.state === 'ended';
   $('clear').disabled = !active;
+  $('probe').disabled = s.state === 'ended';
 
   const allowed = {
     none: true,
@@ -246,6 +259,9 @@ $('remote-control').addEventListener('click', () => {
   putSession({ remote_control: on ? 'off' : 'requested' });
 });
 $('end').addEventListener('click', () => putSession({ state: 'ended' }));
+$('probe').addEventListener('click', () => {
+  if (!current?.link.send('probe', { sent: performance.now() })) notice('Not connected to the service');
+});
 $('clear').addEventListener('click', () => tools.clear());
 for (const input of document.querySelectorAll('input[name="tool"]'))
   input.addEventListener('change', () => tools.setTool(input.value));

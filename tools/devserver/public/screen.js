@@ -33,11 +33,12 @@ export function nalUnits(bytes) {
 
 export class Screen {
   // `onNeedKeyFrame` asks the device for a complete picture (the stream's "sync").
-  constructor(canvas, { onNeedKeyFrame, onError }) {
+  constructor(canvas, { onNeedKeyFrame, onError, onResize }) {
     this.canvas_ = canvas;
     this.context_ = canvas.getContext('2d');
     this.onNeedKeyFrame_ = onNeedKeyFrame;
     this.onError_ = onError;
+    this.onResize_ = onResize;
     this.received_ = []; // [time, bytes]
     this.painted_ = []; // times
     this.paintedCount = 0;
@@ -137,6 +138,7 @@ export class Screen {
     if (this.canvas_.width !== width || this.canvas_.height !== height) {
       this.canvas_.width = width;
       this.canvas_.height = height;
+      this.onResize_();
     }
     this.context_.drawImage(image, 0, 0, width, height);
     const now = performance.now();

@@ -203,6 +203,14 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
     await waitText('#s-full-device', 'rejected');
   });
 
+  await t.test('a ping reaches the device and its answer shows', async () => {
+    await page.click('#probe');
+    const probe = await stream.event('probe');
+    assert.equal(typeof probe.sent, 'number');
+    stream.send('alive', probe);
+    await page.waitForFunction(() => document.getElementById('notices').textContent.includes('answered the probe'));
+  });
+
   await t.test('ends the session', async () => {
     await page.click('#end');
     const ended = await control.event('session', (d) => d.state === 'ended');
