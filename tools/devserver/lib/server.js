@@ -5,6 +5,7 @@ import https from 'node:https';
 import fs from 'node:fs';
 import path from 'node:path';
 import crypto from 'node:crypto';
+import net from 'node:net';
 import { fileURLToPath } from 'node:url';
 import { WebSocketServer } from 'ws';
 import { Store, newToken, tokensEqual } from './store.js';
@@ -159,7 +160,10 @@ export class DevServer {
       this.server_.listen(this.config.port, this.config.host, resolve);
     });
     const { address, port } = this.server_.address();
-    const host = address.includes(':') ? `[${address}]` : address;
+    // A host name given to bind to is kept in the base address, so that a certificate for
+    // that name verifies; an address is written as bound.
+    const named = net.isIP(this.config.host) === 0 ? this.config.host : address;
+    const host = named.includes(':') ? `[${named}]` : named;
     this.baseUrl = this.config.publicUrl ?? `${tls ? 'https' : 'http'}://${host}:${port}/`;
     if (!this.baseUrl.endsWith('/')) this.baseUrl += '/';
     this.port = port;

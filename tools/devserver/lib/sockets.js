@@ -51,10 +51,13 @@ class DeviceSocket {
   }
 
   close(code, reason) {
+    this.closing_ = true;
     this.ws_.close(code, reason);
   }
 
   onMessage_(bytes, isBinary) {
+    // Whatever was already in flight behind a message that closed the socket is not read.
+    if (this.closing_) return;
     if (!isBinary) {
       this.hub_.log.warn(`${this.describe()}: text message, closing`);
       return this.close(kUnsupportedData, 'binary CBOR only');
