@@ -530,6 +530,10 @@ CBOR::Bytes CBOR::encodeDate(Date date, const CBOROptions& options) {
   return out;
 }
 
+bool sameCBORItem(const CBOR& a, const CBOR& b) {
+  return a == b;
+}
+
 }  // namespace quorvix
 
 std::size_t std::hash<quorvix::CBOR>::operator()(const quorvix::CBOR& v) const {

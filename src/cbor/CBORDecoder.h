@@ -53,6 +53,4 @@ class CBORDecoder {
 // floats. Nothing for anything else (half floats included).
 std::optional<double> epochTime(const CBOR& item);
 
-bool isValidUTF8(std::span<const std::uint8_t> bytes);
-
 }  // namespace quorvix

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "cbor/CBORDecoder.h"
+#include "utils/UTF8.h"
 
 namespace quorvix {
 

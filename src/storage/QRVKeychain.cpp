@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "cbor/CBORDecoder.h"
+#include "utils/UTF8.h"
 #include "quorvix/QRVBundle.h"
 #include "utils/Logging.h"
 

@@ -2,7 +2,7 @@
 
 #include <openssl/rand.h>
 
-#include "cbor/CBORDecoder.h"
+#include "utils/UTF8.h"
 #include "utils/Logging.h"
 #include "web-socket/WSCompression.h"
 #include "web-socket/WSHandshake.h"

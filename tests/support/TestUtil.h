@@ -1,6 +1,7 @@
 // Small helpers shared by the tests.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -43,5 +44,36 @@ class CallRecorder {
   int calls_ = 0;
   std::optional<std::tuple<std::decay_t<Args>...>> last_;
 };
+
+// A completion that must run exactly once: a second call fails the test at once, and a
+// completion let go without a call fails it when its last copy is destroyed.
+template <typename R, typename... Args>
+std::function<R(Args...)> expectCalledOnce(std::function<R(Args...)> f,
+                                           const char* file = __builtin_FILE(),
+                                           int line = __builtin_LINE()) {
+  struct Guard {
+    Guard(const char* f, int l) : file(f), line(l) {}
+    const char* file;
+    int line;
+    std::atomic<int> calls{0};
+    ~Guard() {
+      if (calls == 0)
+        ADD_FAILURE_AT(file, line) << "completion released without being called";
+    }
+  };
+  auto guard = std::make_shared<Guard>(file, line);
+  return [guard, f = std::move(f)](Args... args) -> R {
+    if (++guard->calls > 1)
+      ADD_FAILURE_AT(guard->file, guard->line) << "completion called more than once";
+    return f(std::forward<Args>(args)...);
+  };
+}
+
+// A completion that must never run, for the deliberate never-called cases.
+template <typename... Args>
+std::function<void(Args...)> expectNeverCalled(const char* file = __builtin_FILE(),
+                                               int line = __builtin_LINE()) {
+  return [file, line](Args...) { ADD_FAILURE_AT(file, line) << "completion called"; };
+}
 
 }  // namespace quorvix::test

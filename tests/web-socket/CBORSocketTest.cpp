@@ -6,6 +6,7 @@
 #include "../support/Hex.h"
 #include "../support/LogCapture.h"
 #include "../support/ManualExecutor.h"
+#include "../support/TestUtil.h"
 #include "cbor/CBORDecoder.h"
 #include "quorvix/CBOR.h"
 #include "web-socket/CBORSocket.h"
@@ -166,7 +167,8 @@ TEST_F(CBORSocketTest, NumbersEnvelopesAndRestartsAtOneAfterAReconnect) {
   EXPECT_EQ(last().connects, 1);
   last().open();
   int done = 0;
-  socket->send("frame", {{"n", Value(1)}}, [&] { ++done; });
+  socket->send("frame", {{"n", Value(1)}},
+               test::expectCalledOnce(std::function<void()>([&] { ++done; })));
   socket->send("frame", {}, nullptr);
   // Keys in encoded order: "id", "data", "event".
   EXPECT_EQ(toHex(last().writes[0]),
@@ -341,12 +343,28 @@ TEST_F(CBORSocketTest, DisconnectIsFinal) {
   EXPECT_EQ(seen.size(), 1u);
   EXPECT_EQ(main->pendingCount(), 0u);
 
-  bool completed = false;
-  socket->send("frame", {}, [&] { completed = true; });
-  EXPECT_FALSE(completed);
+  socket->send("frame", {}, test::expectNeverCalled<>());
   EXPECT_EQ(transports[0]->writes.size(), 0u);
   main->advanceSeconds(3600);
   EXPECT_EQ(transports.size(), 1u);
+}
+
+// Once closed, nothing holds the socket or its transports: no timer, work item or delegate.
+TEST_F(CBORSocketTest, LetsEverythingGoOnceDisconnected) {
+  std::weak_ptr<CBORSocket> socket = make();
+  last().open();
+  last().drop();               // a reconnect is pending
+  main->advanceSeconds(60.0);  // and a pong deadline
+  sockets.back()->send("frame", {});
+  sockets.back()->disconnect();
+  sockets.clear();
+  std::vector<std::weak_ptr<FakeTransport>> weakTransports(transports.begin(), transports.end());
+  transports.clear();
+  main->advanceSeconds(3600.0);
+  EXPECT_TRUE(socket.expired());
+  for (const auto& t : weakTransports)
+    EXPECT_TRUE(t.expired());
+  EXPECT_EQ(main->pendingCount(), 0u);
 }
 
 // Timestamps are seconds since 1970 in a double: about a tenth of a microsecond apart today.

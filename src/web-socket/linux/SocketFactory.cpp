@@ -1,3 +1,4 @@
+// The transports this platform has: the library's own client, and the one on Boost.Beast.
 #include "web-socket/SocketTransport.h"
 
 #include "quorvix/QRVBundle.h"
