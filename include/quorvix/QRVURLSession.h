@@ -33,6 +33,16 @@ struct QRVHTTPResponse {
   std::map<std::string, std::string> headers;
 };
 
+// Limits of the library's own sessions. A stalled transfer fails as a transport failure, so a
+// request always completes even when the server accepts and never answers.
+struct QRVURLSessionOptions {
+  // Longest wait for the connection, TLS handshake included.
+  std::chrono::milliseconds connectTimeout{std::chrono::seconds(30)};
+  // A transfer during which not one byte of body moves for this long fails. Checked about once
+  // a second.
+  std::chrono::milliseconds stallTimeout{std::chrono::seconds(60)};
+};
+
 struct QRVHTTPResult {
   // A transport failure: no answer, or an answer that could not be read whole.
   std::optional<QRVError> error;
@@ -52,9 +62,9 @@ class QRVURLSession {
   virtual void dataTask(QRVHTTPRequest request, std::function<void(QRVHTTPResult)> completion) = 0;
 
   // A session with nothing shared: no cookies, cache or connections survive the request.
-  static std::shared_ptr<QRVURLSession> makeEphemeral();
+  static std::shared_ptr<QRVURLSession> makeEphemeral(QRVURLSessionOptions options = {});
   // A session that keeps cookies, DNS answers, TLS sessions and connections across requests.
-  static std::shared_ptr<QRVURLSession> makePersistent();
+  static std::shared_ptr<QRVURLSession> makePersistent(QRVURLSessionOptions options = {});
 };
 
 }  // namespace quorvix

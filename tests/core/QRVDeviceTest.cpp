@@ -10,6 +10,7 @@
 #include "../support/HttpTestServer.h"
 #include "../support/LogCapture.h"
 #include "../support/ManualExecutor.h"
+#include "../support/ScopedURLSession.h"
 #include "../support/TestUtil.h"
 #include "../support/WsTestServer.h"
 #include "cbor/CBORDecoder.h"
@@ -148,6 +149,20 @@ TEST_F(QRVDeviceTest, FailuresWaitLongerEachTimeAndSuccessFollowsTheServicesInte
   main->advance(*main->nextDelay());
   EXPECT_EQ(nextLoopDelay(), 5) << "attempt 0 again after a success";
   EXPECT_EQ(main->pendingCount(), 1u);
+}
+
+TEST_F(QRVDeviceTest, ARegistrationThatIsNeverAnsweredIsRetriedAsAFailure) {
+  http.setHandler([](const RecordedRequest&) { return TestResponse{.neverAnswer = true}; });
+  test::ScopedURLSession session(
+      QRVURLSession::makeEphemeral({.stallTimeout = std::chrono::milliseconds(300)}));
+  device->runRegistrationLoop();
+  EXPECT_EQ(nextLoopDelay(), 5);
+  EXPECT_TRUE(log.mentions("Quorvix registration error: QRVURLSession"));
+
+  answer(R"({"id":"D","next_registration":100})");
+  main->advanceSeconds(5);
+  EXPECT_TRUE(main->runUntil([&] { return http.requests().size() == 2; }));
+  EXPECT_EQ(nextLoopDelay(), 100) << "the loop goes on";
 }
 
 TEST_F(QRVDeviceTest, RunningTheLoopTwiceLeavesOneLoop) {

@@ -7,6 +7,7 @@
 
 #include "../support/HttpTestServer.h"
 #include "../support/ManualExecutor.h"
+#include "../support/ScopedURLSession.h"
 #include "../support/TestUtil.h"
 
 namespace quorvix {
@@ -165,6 +166,17 @@ TEST_F(QRVRequestTest, TransportFailuresReachTheCompletionOnce) {
   // No URL at all.
   Recorder noUrl = send("not a url");
   ASSERT_TRUE(noUrl.arg<0>().has_value());
+}
+
+TEST_F(QRVRequestTest, AServerThatNeverAnswersFailsTheRequestOnceNothingMoves) {
+  HttpTestServer server([](const RecordedRequest&) { return TestResponse{.neverAnswer = true}; });
+  test::ScopedURLSession session(
+      QRVURLSession::makeEphemeral({.stallTimeout = std::chrono::milliseconds(300)}));
+  Recorder rec = send(server.url());
+  ASSERT_TRUE(rec.arg<0>().has_value());
+  EXPECT_EQ(rec.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+  EXPECT_FALSE(rec.arg<2>().has_value());
+  EXPECT_EQ(server.requests().size(), 1u) << "the request went out, and no answer came";
 }
 
 TEST_F(QRVRequestTest, HugeBodiesAreBoundedNotBuffered) {

@@ -68,6 +68,12 @@ struct HttpTestServer::Impl {
       TestResponse answer = h ? h(rec) : TestResponse{};
       if (answer.hangUp)
         break;
+      if (answer.neverAnswer) {
+        char byte;
+        while (!stopping && !ec)
+          socket.read_some(asio::buffer(&byte, 1), ec);
+        break;
+      }
       http::response<http::string_body> res{static_cast<http::status>(answer.status),
                                             req.version()};
       bool hasType = false;

@@ -33,6 +33,8 @@ struct TestResponse {
   std::vector<std::pair<std::string, std::string>> headers;
   // Close the connection without answering.
   bool hangUp = false;
+  // Keep the connection open and silent until the client leaves or the server stops.
+  bool neverAnswer = false;
 };
 
 class HttpTestServer {

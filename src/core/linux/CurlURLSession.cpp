@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -52,11 +53,15 @@ struct Transfer {
   QRVHTTPRequest request;
   std::function<void(QRVHTTPResult)> completion;
   std::shared_ptr<CURLSH> share;  // absent for ephemeral sessions
+  QRVURLSessionOptions options;
   std::unique_ptr<CURL, EasyDeleter> easy;
   std::unique_ptr<curl_slist, SlistDeleter> headerList;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   QRVHTTPResult result;
   bool tooLarge = false;
+  bool stalled = false;
+  std::chrono::steady_clock::time_point lastMoved;
+  curl_off_t lastDown = 0, lastUp = 0;
 
   void finish() {
     auto done = std::move(completion);
@@ -75,6 +80,19 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
   }
   t->result.body.append(data, n);
   return n;
+}
+
+int onProgress(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
+  auto* t = static_cast<Transfer*>(user);
+  const auto now = std::chrono::steady_clock::now();
+  if (down != t->lastDown || up != t->lastUp) {
+    t->lastDown = down;
+    t->lastUp = up;
+    t->lastMoved = now;
+    return 0;
+  }
+  t->stalled = now - t->lastMoved >= t->options.stallTimeout;
+  return t->stalled ? 1 : 0;  // non-zero aborts the transfer
 }
 
 size_t onHeader(char* data, size_t size, size_t count, void* user) {
@@ -212,6 +230,20 @@ class CurlWorker {
     curl_easy_setopt(h, CURLOPT_HEADERDATA, &t);
     if (r.timeout.count() > 0)
       curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(r.timeout.count()));
+    curl_easy_setopt(
+        h, CURLOPT_CONNECTTIMEOUT_MS,
+        static_cast<long>(std::max<std::int64_t>(1, t.options.connectTimeout.count())));
+    // A server that accepts and then says nothing would hold the request, and the registration
+    // loop waiting for its answer, forever. curl's own low-speed limit averages over several
+    // seconds, so a stall is measured here instead.
+    t.lastMoved = std::chrono::steady_clock::now();
+    curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, onProgress);
+    curl_easy_setopt(h, CURLOPT_XFERINFODATA, &t);
+    // Finds a peer that vanished without closing while the request waits for its answer.
+    curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(h, CURLOPT_TCP_KEEPIDLE, 30L);
+    curl_easy_setopt(h, CURLOPT_TCP_KEEPINTVL, 15L);
     if (t.share) {
       curl_easy_setopt(h, CURLOPT_SHARE, t.share.get());
       curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
@@ -254,10 +286,14 @@ class CurlWorker {
   static void complete(Transfer& t, CURLcode code) {
     if (code != CURLE_OK) {
       std::string message;
-      if (t.tooLarge || code == CURLE_FILESIZE_EXCEEDED)
+      if (t.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
         message =
             "The response body exceeds " + std::to_string(QRVURLSession::kMaxBodyBytes) + " bytes";
-      else
+      } else if (t.stalled) {
+        code = CURLE_OPERATION_TIMEDOUT;
+        message = "No data moved for " + std::to_string(t.options.stallTimeout.count()) +
+                  " ms: the request was abandoned";
+      } else
         message = t.errorBuffer[0] ? t.errorBuffer : curl_easy_strerror(code);
       t.result.error = transportError(code, std::move(message));
       t.result.body.clear();
@@ -282,7 +318,7 @@ class CurlWorker {
 
 class CurlURLSession final : public QRVURLSession {
  public:
-  explicit CurlURLSession(bool persistent) {
+  CurlURLSession(bool persistent, QRVURLSessionOptions options) : options_(options) {
     if (!persistent)
       return;
     curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -297,21 +333,23 @@ class CurlURLSession final : public QRVURLSession {
     t->request = std::move(request);
     t->completion = std::move(completion);
     t->share = share_;
+    t->options = options_;
     CurlWorker::instance().add(std::move(t));
   }
 
  private:
+  const QRVURLSessionOptions options_;
   std::shared_ptr<CURLSH> share_;
 };
 
 }  // namespace
 
-std::shared_ptr<QRVURLSession> QRVURLSession::makeEphemeral() {
-  return std::make_shared<CurlURLSession>(false);
+std::shared_ptr<QRVURLSession> QRVURLSession::makeEphemeral(QRVURLSessionOptions options) {
+  return std::make_shared<CurlURLSession>(false, options);
 }
 
-std::shared_ptr<QRVURLSession> QRVURLSession::makePersistent() {
-  return std::make_shared<CurlURLSession>(true);
+std::shared_ptr<QRVURLSession> QRVURLSession::makePersistent(QRVURLSessionOptions options) {
+  return std::make_shared<CurlURLSession>(true, options);
 }
 
 }  // namespace quorvix
