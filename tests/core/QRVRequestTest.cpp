@@ -179,6 +179,47 @@ TEST_F(QRVRequestTest, AServerThatNeverAnswersFailsTheRequestOnceNothingMoves) {
   EXPECT_EQ(server.requests().size(), 1u) << "the request went out, and no answer came";
 }
 
+TEST_F(QRVRequestTest, RedirectsAreFollowedOnlyWithinTheOrigin) {
+  HttpTestServer elsewhere;
+  HttpTestServer server([&](const RecordedRequest& r) -> TestResponse {
+    if (r.target == "/moved")
+      return {307, "{}", {{"Location", "/here"}}};
+    if (r.target == "/other-port")
+      return {302, "{}", {{"Location", elsewhere.url("/take")}}};
+    if (r.target == "/other-host")
+      return {308, "{}", {{"Location", server.url("/here", "localhost")}}};
+    return {200, R"({"at":"here"})"};
+  });
+  QRVRequestOptions options;
+  options.method = "PUT";
+  options.headers = {{"X-QuorviLicense", "lic"}};
+  options.body = Value(Value::Map{{"a", 1}});
+
+  Recorder followed = send(server.url("/moved"), options);
+  EXPECT_FALSE(followed.arg<0>().has_value());
+  EXPECT_EQ(followed.arg<1>(), Value(Value::Map{{"at", "here"}}));
+  auto reqs = server.requests();
+  ASSERT_EQ(reqs.size(), 2u);
+  EXPECT_EQ(reqs[1].target, "/here");
+  EXPECT_EQ(reqs[1].method, "PUT");
+  EXPECT_EQ(reqs[1].body, R"({"a":1})");
+  EXPECT_EQ(reqs[1].header("x-quorvilicense"), "lic");
+
+  for (const char* path : {"/other-port", "/other-host"}) {
+    SCOPED_TRACE(path);
+    Recorder refused = send(server.url(path), options);
+    ASSERT_TRUE(refused.arg<0>().has_value());
+    EXPECT_EQ(refused.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+    EXPECT_NE(refused.arg<0>()->message().find("redirect"), std::string::npos)
+        << refused.arg<0>()->message();
+    EXPECT_FALSE(refused.arg<1>().has_value());
+  }
+  // Both refusals have completed, so anything sent on would have arrived by now.
+  EXPECT_EQ(server.requests().size(), 4u) << "nothing came back to the same port either";
+  EXPECT_TRUE(elsewhere.requests().empty());
+  EXPECT_EQ(elsewhere.connectionCount(), 0);
+}
+
 TEST_F(QRVRequestTest, HugeBodiesAreBoundedNotBuffered) {
   std::string big = "[\"" + std::string(QRVURLSession::kMaxBodyBytes, 'a') + "\"]";
   HttpTestServer server([&](const RecordedRequest&) { return TestResponse{200, big}; });

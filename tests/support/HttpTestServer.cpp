@@ -142,8 +142,8 @@ HttpTestServer::~HttpTestServer() {
     t.join();
 }
 
-std::string HttpTestServer::url(std::string_view path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + std::string(path);
+std::string HttpTestServer::url(std::string_view path, std::string_view host) const {
+  return "http://" + std::string(host) + ":" + std::to_string(port_) + std::string(path);
 }
 
 void HttpTestServer::setHandler(Handler handler) {

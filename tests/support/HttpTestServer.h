@@ -47,8 +47,8 @@ class HttpTestServer {
   HttpTestServer& operator=(const HttpTestServer&) = delete;
 
   unsigned short port() const { return port_; }
-  // "http://127.0.0.1:PORT" followed by `path`.
-  std::string url(std::string_view path = "/") const;
+  // "http://HOST:PORT" followed by `path`.
+  std::string url(std::string_view path = "/", std::string_view host = "127.0.0.1") const;
   void setHandler(Handler handler);
 
   std::vector<RecordedRequest> requests() const;

@@ -14,6 +14,7 @@
 #include <curl/curl.h>
 #include <pthread.h>
 
+#include "core/QRVURL.h"
 #include "quorvix/QRVURLSession.h"
 #include "utils/Logging.h"
 #include "utils/Strings.h"
@@ -60,6 +61,7 @@ struct Transfer {
   QRVHTTPResult result;
   bool tooLarge = false;
   bool stalled = false;
+  int redirects = 0;
   std::chrono::steady_clock::time_point lastMoved;
   curl_off_t lastDown = 0, lastUp = 0;
 
@@ -119,6 +121,8 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
   slot += value;
   return n;
 }
+
+constexpr int kMaxRedirects = 10;
 
 class CurlWorker {
  public:
@@ -180,8 +184,14 @@ class CurlWorker {
           continue;
         std::unique_ptr<Transfer> t = std::move(*it);
         active.erase(it);
+        const CURLcode code = msg->data.result;  // gone once the handle is removed
         curl_multi_remove_handle(multi_, t->easy.get());
-        complete(*t, msg->data.result);
+        complete(*t, code);
+        if (followRedirect(*t)) {
+          curl_multi_add_handle(multi_, t->easy.get());
+          active.push_back(std::move(t));
+          continue;
+        }
         t->finish();
       }
       curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
@@ -218,9 +228,6 @@ class CurlWorker {
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(h, CURLOPT_ERRORBUFFER, t.errorBuffer);
     curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(h, CURLOPT_MAXREDIRS, 10L);
     curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(QRVURLSession::kMaxBodyBytes));
     curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
@@ -281,6 +288,61 @@ class CurlWorker {
       curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{0});
     }
     return true;
+  }
+
+  // Redirects are followed here rather than by curl, and only within the request's origin: the
+  // headers carry the license and the session token, which must not reach another host, nor
+  // travel in clear after a redirect from https to http.
+  static bool followRedirect(Transfer& t) {
+    if (t.result.error || !t.result.response)
+      return false;
+    const long status = t.result.response->statusCode;
+    if (status != 301 && status != 302 && status != 303 && status != 307 && status != 308)
+      return false;
+    char* target = nullptr;
+    curl_easy_getinfo(t.easy.get(), CURLINFO_REDIRECT_URL, &target);
+    if (!target)
+      return false;  // no Location: an answer like any other
+    const std::string location = target;
+    const std::string from = origin(t.request.url);
+    auto refuse = [&t](std::string message) {
+      t.result = {};
+      t.result.error = transportError(CURLE_TOO_MANY_REDIRECTS, std::move(message));
+      return false;
+    };
+    if (from.empty() || origin(location) != from)
+      return refuse("Refused a redirect that leaves " + from);
+    if (++t.redirects > kMaxRedirects)
+      return refuse("Too many redirects");
+
+    CURL* h = t.easy.get();
+    t.request.url = location;
+    curl_easy_setopt(h, CURLOPT_URL, t.request.url.c_str());
+    // As browsers do: 303 turns every method but HEAD into GET, 301 and 302 only POST.
+    const std::string& method = t.request.method;
+    if (status == 303 ? method != "HEAD" : (status == 301 || status == 302) && method == "POST") {
+      t.request.method = "GET";
+      t.request.body.reset();
+      curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, nullptr);
+      curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
+    }
+    t.result = {};
+    t.tooLarge = false;
+    t.stalled = false;
+    t.errorBuffer[0] = '\0';
+    t.lastMoved = std::chrono::steady_clock::now();
+    t.lastDown = t.lastUp = 0;
+    return true;
+  }
+
+  // "scheme://host:port" in lower case with the port spelled out; empty for no usable URL.
+  static std::string origin(const std::string& url) {
+    auto parsed = QRVURL::parse(url);
+    if (!parsed || !parsed->scheme() || parsed->host().empty())
+      return {};
+    const std::string scheme = asciiLower(*parsed->scheme());
+    const unsigned port = parsed->port().value_or(scheme == "https" ? 443 : 80);
+    return scheme + "://" + asciiLower(parsed->host()) + ":" + std::to_string(port);
   }
 
   static void complete(Transfer& t, CURLcode code) {
