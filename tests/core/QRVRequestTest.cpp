@@ -2,12 +2,14 @@
 #include "core/QRVRequest.h"
 
 #include "quorvix/QRVBundle.h"
+#include "quorvix/TLSConfiguration.h"
 
 #include <gtest/gtest.h>
 
 #include "../support/HttpTestServer.h"
 #include "../support/ManualExecutor.h"
 #include "../support/ScopedURLSession.h"
+#include "../support/TestCertificates.h"
 #include "../support/TestUtil.h"
 
 namespace quorvix {
@@ -218,6 +220,38 @@ TEST_F(QRVRequestTest, RedirectsAreFollowedOnlyWithinTheOrigin) {
   EXPECT_EQ(server.requests().size(), 4u) << "nothing came back to the same port either";
   EXPECT_TRUE(elsewhere.requests().empty());
   EXPECT_EQ(elsewhere.connectionCount(), 0);
+}
+
+TEST_F(QRVRequestTest, RequestsFollowTheTLSConfiguration) {
+  test::TestCertificates certs;
+  ASSERT_TRUE(certs.ok);
+  HttpTestServer server(nullptr, test::TlsIdentity{certs.localhostPem, certs.localhostKey});
+  HttpTestServer wrongName(nullptr, test::TlsIdentity{certs.otherHostPem, certs.otherHostKey});
+  HttpTestServer selfSigned(nullptr, test::TlsIdentity{certs.selfSignedPem, certs.selfSignedKey});
+  struct Restore {
+    ~Restore() { setTLSConfiguration({}); }
+  } restore;
+  auto fails = [&](const std::string& url) {
+    Recorder rec = send(url);
+    return rec.arg<0>().has_value() && rec.arg<0>()->domain() == QRVURLSession::kErrorDomain;
+  };
+
+  EXPECT_TRUE(fails(server.url())) << "the test root is not in the system store";
+  setTLSConfiguration({{certs.caPem}});
+  Recorder trusted = send(server.url());
+  EXPECT_FALSE(trusted.arg<0>().has_value()) << *trusted.arg<0>();
+  EXPECT_TRUE(fails(wrongName.url())) << "a trusted root does not excuse the wrong name";
+  EXPECT_TRUE(fails(selfSigned.url("/", "localhost")));
+  setTLSConfiguration({});
+  EXPECT_TRUE(fails(server.url())) << "the root is gone with the configuration";
+
+  setTLSConfiguration({.verifyCertificates = false});
+  Recorder unverified = send(selfSigned.url("/", "localhost"));
+  EXPECT_FALSE(unverified.arg<0>().has_value()) << *unverified.arg<0>();
+
+  EXPECT_EQ(server.requests().size(), 1u);
+  EXPECT_TRUE(wrongName.requests().empty());
+  EXPECT_EQ(selfSigned.requests().size(), 1u);
 }
 
 TEST_F(QRVRequestTest, HugeBodiesAreBoundedNotBuffered) {

@@ -12,10 +12,14 @@
 #include <thread>
 
 #include <curl/curl.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
 #include <pthread.h>
 
 #include "core/QRVURL.h"
 #include "quorvix/QRVURLSession.h"
+#include "quorvix/TLSConfiguration.h"
 #include "utils/Logging.h"
 #include "utils/Strings.h"
 
@@ -30,6 +34,9 @@ struct SlistDeleter {
 };
 struct ShareDeleter {
   void operator()(CURLSH* s) const { curl_share_cleanup(s); }
+};
+struct BioDeleter {
+  void operator()(BIO* b) const { BIO_free(b); }
 };
 
 QRVError transportError(long code, std::string message) {
@@ -62,6 +69,8 @@ struct Transfer {
   bool tooLarge = false;
   bool stalled = false;
   int redirects = 0;
+  // The configured roots, trusted beside the system store.
+  std::vector<std::string> trustedCertificates;
   std::chrono::steady_clock::time_point lastMoved;
   curl_off_t lastDown = 0, lastUp = 0;
 
@@ -95,6 +104,27 @@ int onProgress(void* user, curl_off_t, curl_off_t down, curl_off_t, curl_off_t u
   }
   t->stalled = now - t->lastMoved >= t->options.stallTimeout;
   return t->stalled ? 1 : 0;  // non-zero aborts the transfer
+}
+
+// Runs before each TLS handshake of the transfer, on the context curl set up with the system
+// store.
+CURLcode onTLSContext(CURL*, void* context, void* user) {
+  auto* t = static_cast<Transfer*>(user);
+  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(context));
+  for (const auto& pem : t->trustedCertificates) {
+    std::unique_ptr<BIO, BioDeleter> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    int added = 0;
+    // One text may hold several certificates.
+    while (X509* cert = bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr) {
+      X509_STORE_add_cert(store, cert);
+      X509_free(cert);
+      ++added;
+    }
+    ERR_clear_error();
+    if (added == 0)
+      return CURLE_SSL_CACERT_BADFILE;
+  }
+  return CURLE_OK;
 }
 
 size_t onHeader(char* data, size_t size, size_t count, void* user) {
@@ -251,6 +281,18 @@ class CurlWorker {
     curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(h, CURLOPT_TCP_KEEPIDLE, 30L);
     curl_easy_setopt(h, CURLOPT_TCP_KEEPINTVL, 15L);
+    const TLSConfiguration tls = tlsConfiguration();
+    if (!tls.verifyCertificates) {
+      curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 0L);
+      curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 0L);
+    } else if (!tls.additionalTrustedCertificates.empty()) {
+      t.trustedCertificates = tls.additionalTrustedCertificates;
+      // A store that curl caches is shared with later transfers, which may run under another
+      // configuration: this transfer builds one of its own.
+      curl_easy_setopt(h, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    }
+    curl_easy_setopt(h, CURLOPT_SSL_CTX_FUNCTION, onTLSContext);
+    curl_easy_setopt(h, CURLOPT_SSL_CTX_DATA, &t);
     if (t.share) {
       curl_easy_setopt(h, CURLOPT_SHARE, t.share.get());
       curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
