@@ -134,8 +134,11 @@ std::optional<QRVSocketRequest> QRVRequest::socketRequest(const std::optional<st
   set("Authorization", "Bearer " + token);
   QRVBundle bundle = QRVBundle::main();
   set("User-Agent", bundle.name + "/" + bundle.version);
-  if (endpoint->usesDefaultPort())
-    set("Host", endpoint->host());
+  if (endpoint->usesDefaultPort()) {
+    // An IPv6 address is a valid Host value only inside its brackets.
+    const std::string host = endpoint->host();
+    set("Host", host.find(':') != std::string::npos ? "[" + host + "]" : host);
+  }
   return request;
 }
 

@@ -3,6 +3,7 @@
 
 #include "quorvix/QRVBundle.h"
 #include "quorvix/TLSConfiguration.h"
+#include "web-socket/WSHandshake.h"
 
 #include <gtest/gtest.h>
 
@@ -254,6 +255,26 @@ TEST_F(QRVRequestTest, RequestsFollowTheTLSConfiguration) {
   EXPECT_EQ(selfSigned.requests().size(), 1u);
 }
 
+TEST_F(QRVRequestTest, ACertificateThatNamesTheHostOnlyInItsCommonNameIsRefused) {
+  test::TestCertificates certs;
+  ASSERT_TRUE(certs.ok);
+  HttpTestServer commonNameOnly(
+      nullptr, test::TlsIdentity{certs.commonNameOnlyPem, certs.commonNameOnlyKey});
+  HttpTestServer withAltName(nullptr, test::TlsIdentity{certs.localhostPem, certs.localhostKey});
+  struct Restore {
+    ~Restore() { setTLSConfiguration({}); }
+  } restore;
+  setTLSConfiguration({{certs.caPem}});
+
+  Recorder refused = send(commonNameOnly.url("/", "localhost"));
+  ASSERT_TRUE(refused.arg<0>().has_value());
+  EXPECT_EQ(refused.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+  Recorder accepted = send(withAltName.url("/", "localhost"));
+  EXPECT_FALSE(accepted.arg<0>().has_value()) << *accepted.arg<0>();
+  EXPECT_TRUE(commonNameOnly.requests().empty());
+  EXPECT_EQ(withAltName.requests().size(), 1u);
+}
+
 TEST_F(QRVRequestTest, HugeBodiesAreBoundedNotBuffered) {
   std::string big = "[\"" + std::string(QRVURLSession::kMaxBodyBytes, 'a') + "\"]";
   HttpTestServer server([&](const RecordedRequest&) { return TestResponse{200, big}; });
@@ -315,7 +336,9 @@ TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
       {"https://h/", "wss://other:9000/x/", "wss://other:9000/x/sockets/1/ws", std::nullopt},
       {"HTTPS://h/", std::nullopt, "wss://h/sockets/1/ws", "h"},
       {"ftp://h:21/", std::nullopt, "ftp://h:21/sockets/1/ws", std::nullopt},
-      {"https://[::1]:443/", std::nullopt, "wss://[::1]:443/sockets/1/ws", "::1"},
+      // A Host value keeps an IPv6 address in its brackets.
+      {"https://[::1]:443/", std::nullopt, "wss://[::1]:443/sockets/1/ws", "[::1]"},
+      {"http://[::1]/", std::nullopt, "ws://[::1]/sockets/1/ws", "[::1]"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.base);
@@ -328,6 +351,16 @@ TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
     EXPECT_EQ(req->header("User-Agent"), "Helpdesk/42");
     EXPECT_EQ(req->header("X-QuorviDevice"), "D");
     EXPECT_EQ(req->timeout, std::chrono::seconds(10));
+  }
+  // The upgrade sends that Host, and makes the same one when the request has none.
+  for (bool withHost : {true, false}) {
+    auto req = QRVRequest::socketRequest(std::nullopt, "t", {}, *QRVURL::parse("https://[::1]/"));
+    if (!withHost)
+      std::erase_if(req->headers, [](const auto& h) { return h.first == "Host"; });
+    WSEndpoint endpoint = wsEndpoint(req->url);
+    std::string text =
+        buildHandshake({endpoint.resource, endpoint.authority, "", req->headers}, webSocketKey({}));
+    EXPECT_NE(text.find("\r\nHost: [::1]\r\n"), std::string::npos) << text;
   }
   // The token wins over a caller's own Authorization header.
   auto req = QRVRequest::socketRequest(std::nullopt, "t2", {{"authorization", "Basic x"}},

@@ -15,6 +15,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 #include <pthread.h>
 
 #include "core/QRVURL.h"
@@ -71,6 +72,7 @@ struct Transfer {
   int redirects = 0;
   // The configured roots, trusted beside the system store.
   std::vector<std::string> trustedCertificates;
+  bool verifyPeer = true;
   std::chrono::steady_clock::time_point lastMoved;
   curl_off_t lastDown = 0, lastUp = 0;
 
@@ -124,6 +126,22 @@ CURLcode onTLSContext(CURL*, void* context, void* user) {
     if (added == 0)
       return CURLE_SSL_CACERT_BADFILE;
   }
+  if (!t->verifyPeer)
+    return CURLE_OK;
+  // curl accepts a certificate that names the host only in its common name when it has no
+  // subjectAltName; modern clients refuse it. OpenSSL checks the name here during the
+  // handshake, without the common name, before curl's own check runs.
+  auto url = QRVURL::parse(t->request.url);
+  if (!url || url->host().empty())
+    return CURLE_URL_MALFORMAT;
+  const std::string host = url->host();
+  X509_VERIFY_PARAM* param = SSL_CTX_get0_param(static_cast<SSL_CTX*>(context));
+  X509_VERIFY_PARAM_set_hostflags(
+      param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
+  if (X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) != 1 &&
+      X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size()) != 1)
+    return CURLE_PEER_FAILED_VERIFICATION;
+  ERR_clear_error();
   return CURLE_OK;
 }
 
@@ -282,6 +300,7 @@ class CurlWorker {
     curl_easy_setopt(h, CURLOPT_TCP_KEEPIDLE, 30L);
     curl_easy_setopt(h, CURLOPT_TCP_KEEPINTVL, 15L);
     const TLSConfiguration tls = tlsConfiguration();
+    t.verifyPeer = tls.verifyCertificates;
     if (!tls.verifyCertificates) {
       curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 0L);
       curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 0L);
