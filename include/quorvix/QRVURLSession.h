@@ -1,6 +1,6 @@
 // The HTTP client under the REST requests. The library makes a fresh session per request unless
-// the host installs its own (see QRVRequest::setCustomURLSession), for example one that keeps
-// cookies and connections between requests or goes through a particular proxy.
+// the host installs its own with setCustomURLSession (below), for example one that keeps cookies
+// and connections between requests or goes through a particular proxy.
 #pragma once
 
 #include <chrono>
@@ -66,5 +66,10 @@ class QRVURLSession {
   // A session that keeps cookies, DNS answers, TLS sessions and connections across requests.
   static std::shared_ptr<QRVURLSession> makePersistent(QRVURLSessionOptions options = {});
 };
+
+// Runs every REST request of the library from now on through `session`, a subclass of the
+// host's own or one made above; nullptr restores a fresh ephemeral session per request.
+// Thread-safe; requests already started keep the session they began with.
+void setCustomURLSession(std::shared_ptr<QRVURLSession> session);
 
 }  // namespace quorvix

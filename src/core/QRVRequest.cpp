@@ -66,6 +66,10 @@ void QRVRequest::setCustomURLSession(std::shared_ptr<QRVURLSession> session) {
   gCustomSession = std::move(session);
 }
 
+void setCustomURLSession(std::shared_ptr<QRVURLSession> session) {
+  QRVRequest::setCustomURLSession(std::move(session));
+}
+
 void QRVRequest::request(const std::optional<QRVURL>& url,
                          const QRVRequestOptions& options,
                          QRVRequestCallback callback) {

@@ -315,6 +315,40 @@ TEST_F(QRVRequestTest, EachRequestRunsInASessionOfItsOwnUnlessTheHostSetOne) {
   EXPECT_EQ(reqs[3].connection, reqs[2].connection) << "the host's session keeps connections";
 }
 
+// What a host would write: a session of its own, installed through the public header only.
+class HostURLSession final : public QRVURLSession {
+ public:
+  void dataTask(QRVHTTPRequest request, std::function<void(QRVHTTPResult)> completion) override {
+    seen.push_back(request);
+    QRVHTTPResult result;
+    result.response = QRVHTTPResponse{.statusCode = 200, .url = request.url};
+    result.body = R"({"answered_by":"host"})";
+    completion(std::move(result));
+  }
+  std::vector<QRVHTTPRequest> seen;
+};
+
+TEST_F(QRVRequestTest, AHostsOwnURLSessionCarriesTheRequests) {
+  HttpTestServer server;
+  auto session = std::make_shared<HostURLSession>();
+  setCustomURLSession(session);
+  QRVRequestOptions options;
+  options.method = "POST";
+  options.body = Value(Value::Map{{"a", 1}});
+  Recorder rec = send(server.url("/api/1/sessions"), options);
+  setCustomURLSession(nullptr);
+
+  EXPECT_EQ(rec.arg<1>(), Value(Value::Map{{"answered_by", "host"}}));
+  ASSERT_EQ(session->seen.size(), 1u);
+  EXPECT_EQ(session->seen[0].url, server.url("/api/1/sessions"));
+  EXPECT_EQ(session->seen[0].method, "POST");
+  EXPECT_EQ(session->seen[0].body, R"({"a":1})");
+  EXPECT_TRUE(server.requests().empty());
+
+  send(server.url());
+  EXPECT_EQ(server.requests().size(), 1u) << "the library's own session again";
+}
+
 TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
   QRVBundle::setMain({.name = "Helpdesk", .version = "42"});
   struct Case {
