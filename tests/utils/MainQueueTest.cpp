@@ -1,5 +1,7 @@
 // The main queue's threading rules, the invokers built on them, the repeating timer and the
 // per-unit loggers.
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <thread>
 
@@ -127,6 +129,61 @@ TEST(LoggingTest, OneLoggerPerUnitAndHostHandlersSeeEveryLine) {
   EXPECT_EQ(lines, (std::vector<std::string>{
                        "io.quorvi/UnitA: Initialised Quorvix SDK 3.13.2",
                        "io.quorvi/UnitB: Error: Cannot set capabilities after Quorvi is started"}));
+}
+
+// Runs `f` on a thread of its own and waits a bounded time for it. A deadlock leaves the logging
+// lock held for good, so the process ends rather than hanging every test after it.
+void finishesWithoutDeadlock(const std::function<void()>& f) {
+  auto done = std::make_shared<std::promise<void>>();
+  auto finished = done->get_future();
+  std::thread([f, done] {
+    f();
+    done->set_value();
+  }).detach();
+  if (finished.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+    std::fprintf(stderr, "deadlocked in a log handler\n");
+    std::_Exit(1);
+  }
+}
+
+TEST(LoggingTest, HandlersMayRemoveThemselvesChangeLevelsAndLog) {
+  setStderrLogging(false);
+  auto log = QRV_LOGGER_FOR("Reentrant");
+  std::vector<std::string> seen;
+  int watcher = addLogHandler([&](const LogRecord& r) { seen.emplace_back(r.message); });
+
+  int removerCalls = 0;
+  int remover = 0;
+  remover = addLogHandler([&](const LogRecord&) {
+    ++removerCalls;
+    removeLogHandler(remover);
+  });
+  bool levelChanged = false;
+  int leveller = addLogHandler([&](const LogRecord&) {
+    setStderrLogLevel(LogLevel::warn);
+    setStderrLogging(false);
+    levelChanged = true;
+  });
+  bool echoed = false;
+  int echo = addLogHandler([&](const LogRecord& r) {
+    if (!echoed && r.message == "first") {
+      echoed = true;
+      log->debug("echo of {}", r.message);
+    }
+  });
+
+  finishesWithoutDeadlock([&] {
+    log->debug("first");
+    log->debug("second");
+  });
+  EXPECT_EQ(removerCalls, 1) << "removed itself on the first line";
+  EXPECT_TRUE(levelChanged);
+  EXPECT_EQ(seen, (std::vector<std::string>{"first", "echo of first", "second"}));
+
+  for (int id : {watcher, leveller, echo})
+    removeLogHandler(id);
+  setStderrLogLevel(LogLevel::error);
+  setStderrLogging(true);
 }
 
 }  // namespace
