@@ -66,6 +66,38 @@ TEST(MainQueueTest, ASyncHopReturnsWhenTheQueueGoesAway) {
   EXPECT_FALSE(ran);
 }
 
+// Sets a promise when destroyed: shows when a queued task has been let go.
+struct ReleaseMarker {
+  std::shared_ptr<std::promise<void>> released = std::make_shared<std::promise<void>>();
+  ReleaseMarker() = default;
+  ReleaseMarker(ReleaseMarker&&) = default;
+  ~ReleaseMarker() {
+    if (released)
+      released->set_value();
+  }
+};
+
+TEST(MainQueueTest, AnExecutorReleasedByItsOwnTaskOutlivesTheTask) {
+  auto slot = std::make_shared<std::shared_ptr<Executor>>(makeThreadExecutor("test-self"));
+  std::promise<void> go, ranOwn;
+  std::shared_future<void> started = go.get_future().share();
+  ReleaseMarker marker;
+  auto markerReleased = marker.released->get_future();
+  // The first task drops the last reference on the executor's own thread; the second never runs
+  // and is let go with the queue, which must wait until the first task has returned.
+  (*slot)->post([slot, started, &ranOwn] {
+    started.wait();
+    slot->reset();
+    ranOwn.set_value();
+  });
+  (*slot)->post([marker = std::make_shared<ReleaseMarker>(std::move(marker))] {});
+  std::weak_ptr<Executor> weak = *slot;
+  go.set_value();
+  ASSERT_EQ(ranOwn.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(markerReleased.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_TRUE(weak.expired());
+}
+
 TEST(ManualExecutorTest, RunsDueTasksInDeadlineOrder) {
   test::ManualExecutor ex;
   std::vector<std::string> log;
