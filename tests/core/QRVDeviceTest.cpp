@@ -165,6 +165,29 @@ TEST_F(QRVDeviceTest, ARegistrationThatIsNeverAnsweredIsRetriedAsAFailure) {
   EXPECT_EQ(nextLoopDelay(), 100) << "the loop goes on";
 }
 
+TEST_F(QRVDeviceTest, ADeviceOnItsOwnExecutorTakesUpAnswersThere) {
+  auto queue = std::make_shared<test::ManualExecutor>();
+  auto own = std::make_shared<QRVDevice>(QRVDevice::Environment{.executor = queue});
+  answer(R"({"id":"D","next_registration":100})");
+  own->runRegistrationLoop();
+
+  // The answer comes on the main queue, which hands it over and touches nothing of the device.
+  ASSERT_TRUE(main->runUntil([&] { return queue->pendingCount() > 0; }));
+  EXPECT_FALSE(own->isRegistrationScheduled());
+  queue->runUntilIdle();
+  EXPECT_TRUE(own->isRegistrationScheduled());
+  EXPECT_EQ(queue->nextDelay(), seconds(100));
+
+  // A one-off registration's completion still runs on the main queue.
+  Recorder rec;
+  own->registerDevice(rec.callback());
+  ASSERT_TRUE(main->runUntil([&] { return queue->pendingCount() > 1; }));
+  EXPECT_FALSE(rec.called());
+  queue->runUntilIdle();
+  EXPECT_TRUE(main->runUntil([&] { return rec.called(); }));
+  own->reset();
+}
+
 TEST_F(QRVDeviceTest, RunningTheLoopTwiceLeavesOneLoop) {
   answer(R"({"id":"D","next_registration":100})");
   device->runRegistrationLoop();
