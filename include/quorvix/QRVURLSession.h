@@ -1,6 +1,6 @@
 // The HTTP client under the REST requests. The library makes a fresh session per request unless
-// the host installs its own (see QRVRequest::setCustomURLSession), for example one that keeps
-// cookies and connections between requests or goes through a particular proxy.
+// the host installs its own with setCustomURLSession (below), for example one that keeps cookies
+// and connections between requests or goes through a particular proxy.
 #pragma once
 
 #include <chrono>
@@ -33,6 +33,16 @@ struct QRVHTTPResponse {
   std::map<std::string, std::string> headers;
 };
 
+// Limits of the library's own sessions. A stalled transfer fails as a transport failure, so a
+// request always completes even when the server accepts and never answers.
+struct QRVURLSessionOptions {
+  // Longest wait for the connection, TLS handshake included.
+  std::chrono::milliseconds connectTimeout{std::chrono::seconds(30)};
+  // A transfer during which not one byte of body moves for this long fails. Checked about once
+  // a second.
+  std::chrono::milliseconds stallTimeout{std::chrono::seconds(60)};
+};
+
 struct QRVHTTPResult {
   // A transport failure: no answer, or an answer that could not be read whole.
   std::optional<QRVError> error;
@@ -52,9 +62,14 @@ class QRVURLSession {
   virtual void dataTask(QRVHTTPRequest request, std::function<void(QRVHTTPResult)> completion) = 0;
 
   // A session with nothing shared: no cookies, cache or connections survive the request.
-  static std::shared_ptr<QRVURLSession> makeEphemeral();
+  static std::shared_ptr<QRVURLSession> makeEphemeral(QRVURLSessionOptions options = {});
   // A session that keeps cookies, DNS answers, TLS sessions and connections across requests.
-  static std::shared_ptr<QRVURLSession> makePersistent();
+  static std::shared_ptr<QRVURLSession> makePersistent(QRVURLSessionOptions options = {});
 };
+
+// Runs every REST request of the library from now on through `session`, a subclass of the
+// host's own or one made above; nullptr restores a fresh ephemeral session per request.
+// Thread-safe; requests already started keep the session they began with.
+void setCustomURLSession(std::shared_ptr<QRVURLSession> session);
 
 }  // namespace quorvix

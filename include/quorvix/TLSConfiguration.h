@@ -1,5 +1,6 @@
-// Trust settings for the library's encrypted sockets. Certificates are verified against the
-// system's trust store, with the host name checked, unless the host changes that here.
+// Trust settings for the library's encrypted connections: the REST requests and both socket
+// transports. Certificates are verified against the system's trust store, with the host name
+// checked, unless the host changes that here.
 #pragma once
 
 #include <string>

@@ -1,6 +1,7 @@
 #include "core/QRVDevice.h"
 
 #include <algorithm>
+#include <cassert>
 #include <mutex>
 
 #include "core/QRVDeviceInfo.h"
@@ -100,17 +101,40 @@ Value::Map QRVDevice::registrationBody() const {
 }
 
 void QRVDevice::registerDevice(Callback callback) {
+  registerThen([callback = std::move(callback)](std::optional<QRVError> error,
+                                                std::shared_ptr<QRVDevice> device) {
+    InvokeForDevice(callback, std::move(error), std::move(device));
+  });
+}
+
+void QRVDevice::registerThen(Callback then) {
+  assertConfined();
   update(registrationBody(),
-         [callback = std::move(callback), generation = loopGeneration_](
-             std::optional<QRVError> error, std::shared_ptr<QRVRESTResource> resource) {
+         [then = std::move(then), generation = loopGeneration_](
+             std::optional<QRVError> error, std::shared_ptr<QRVRESTResource> resource) mutable {
            auto device = std::static_pointer_cast<QRVDevice>(resource);
-           if (error)
-             logger()->error("Quorvix registration error: {}", error->description());
-           // After a reset or deregistration the socket is not this answer's to reopen.
-           if (generation == device->loopGeneration_)
-             device->updateNotificationSocket();
-           InvokeForDevice(callback, std::move(error), device);
+           device->onExecutor(
+               [device, error = std::move(error), then = std::move(then), generation]() mutable {
+                 if (error)
+                   logger()->error("Quorvix registration error: {}", error->description());
+                 // After a reset or deregistration the socket is not this answer's to reopen.
+                 if (generation == device->loopGeneration_)
+                   device->updateNotificationSocket();
+                 then(std::move(error), device);
+               });
          });
+}
+
+void QRVDevice::onExecutor(Task task) {
+  // Already there when the device lives on the main queue, where REST answers arrive.
+  if (executor_ == mainQueue())
+    task();
+  else
+    executor_->post(std::move(task));
+}
+
+void QRVDevice::assertConfined() const {
+  assert(executor_->isCurrent() && "QRVDevice used off its executor");
 }
 
 double QRVDevice::failureDelay(std::int64_t attempt) {
@@ -124,9 +148,10 @@ void QRVDevice::runRegistrationLoop() {
 }
 
 void QRVDevice::loop(std::int64_t attempt, std::uint64_t generation) {
+  assertConfined();
   if (nextRegistration_.isActive() || generation != loopGeneration_)
     return;
-  registerDevice(
+  registerThen(
       [attempt, generation](std::optional<QRVError> error, std::shared_ptr<QRVDevice> device) {
         // A reset since this registration was sent started another loop, or ended this one.
         if (generation != device->loopGeneration_ || device->nextRegistration_.isActive())
@@ -162,6 +187,7 @@ void QRVDevice::stopLoopAndSocket() {
 }
 
 void QRVDevice::deregister(Callback callback) {
+  assertConfined();
   customData_.clear();
   stopLoopAndSocket();
   deleteResource([callback = std::move(callback)](std::optional<QRVError> error,
@@ -172,6 +198,7 @@ void QRVDevice::deregister(Callback callback) {
 }
 
 void QRVDevice::updateNotificationSocket() {
+  assertConfined();
   if (notificationToken() && notificationUrl())
     openNotificationSocket();
   else

@@ -1,7 +1,9 @@
 // This installation of the host application as the service knows it: its stable id, custom
 // data and push token, a registration kept fresh on the schedule the service asks for, and the
 // notification socket on which the service asks the device to join a session or to show that
-// it is alive. Main queue only.
+// it is alive. Confined to its executor (the main queue unless given another): REST answers,
+// which arrive on the main queue, are taken up there; the host's completions run on the main
+// queue.
 #pragma once
 
 #include <cstdint>
@@ -87,6 +89,11 @@ class QRVDevice : public QRVRESTResource {
   void setOnNotification(NotificationCallback callback) { onNotification_ = std::move(callback); }
 
  private:
+  // Registers, then runs `then` on the device's executor.
+  void registerThen(Callback then);
+  void onExecutor(Task task);
+  // Debug builds stop when the device is touched off its executor.
+  void assertConfined() const;
   void loop(std::int64_t attempt, std::uint64_t generation);
   void stopLoopAndSocket();
   std::shared_ptr<QRVDevice> self();

@@ -66,6 +66,10 @@ void QRVRequest::setCustomURLSession(std::shared_ptr<QRVURLSession> session) {
   gCustomSession = std::move(session);
 }
 
+void setCustomURLSession(std::shared_ptr<QRVURLSession> session) {
+  QRVRequest::setCustomURLSession(std::move(session));
+}
+
 void QRVRequest::request(const std::optional<QRVURL>& url,
                          const QRVRequestOptions& options,
                          QRVRequestCallback callback) {
@@ -134,8 +138,11 @@ std::optional<QRVSocketRequest> QRVRequest::socketRequest(const std::optional<st
   set("Authorization", "Bearer " + token);
   QRVBundle bundle = QRVBundle::main();
   set("User-Agent", bundle.name + "/" + bundle.version);
-  if (endpoint->usesDefaultPort())
-    set("Host", endpoint->host());
+  if (endpoint->usesDefaultPort()) {
+    // An IPv6 address is a valid Host value only inside its brackets.
+    const std::string host = endpoint->host();
+    set("Host", host.find(':') != std::string::npos ? "[" + host + "]" : host);
+  }
   return request;
 }
 

@@ -1,6 +1,7 @@
 #include "core/QRVSession.h"
 
 #include <cmath>
+#include <mutex>
 
 #include "core/QRVDevice.h"
 #include "core/QRVDeviceInfo.h"
@@ -88,14 +89,25 @@ const char* consentStateName(QRVConsentState state) {
   return "off";
 }
 
+struct QRVSession::WeakSelf {
+  std::mutex mutex;
+  std::weak_ptr<QRVSession> session;
+
+  std::shared_ptr<QRVSession> lock() {
+    std::lock_guard guard(mutex);
+    return session.lock();
+  }
+};
+
 QRVSession::QRVSession(std::shared_ptr<Executor> executor)
     : executor_(executor ? std::move(executor) : mainQueue()),
+      weakSelf_(std::make_shared<WeakSelf>()),
       metrics_(std::make_unique<QRVSessionMetrics>(
-          [this] {
-            auto me = std::static_pointer_cast<QRVSession>(weak_from_this().lock());
+          [weakSelf = weakSelf_] {
+            auto me = weakSelf->lock();
             if (!me)
               return;
-            auto observers = observers_;
+            auto observers = me->observers_;
             for (const auto& observer : observers)
               observer->sessionMetricsDidUpdate(me);
           },
@@ -198,8 +210,13 @@ void QRVSession::cleanup() {
 }
 
 void QRVSession::registerSessionObserver(std::shared_ptr<QRVSessionObserver> observer) {
-  if (observer)
-    observers_.insert(std::move(observer));
+  if (!observer)
+    return;
+  observers_.insert(std::move(observer));
+  if (auto me = weak_from_this().lock()) {
+    std::lock_guard guard(weakSelf_->mutex);
+    weakSelf_->session = std::static_pointer_cast<QRVSession>(me);
+  }
 }
 
 void QRVSession::removeSessionObserver(const std::shared_ptr<QRVSessionObserver>& observer) {

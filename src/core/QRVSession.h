@@ -142,6 +142,10 @@ class QRVSession : public QRVRESTResource {
   const std::shared_ptr<Executor> executor_;
   std::set<std::shared_ptr<QRVSessionObserver>> observers_;
   std::optional<QRVCapabilities> capabilities_;
+  // How the metrics listener reaches the session: weakly, so that a tick racing the session's
+  // release on another thread finds it gone rather than freed. Set once observers register.
+  struct WeakSelf;
+  const std::shared_ptr<WeakSelf> weakSelf_;
   std::unique_ptr<QRVSessionMetrics> metrics_;
 };
 

@@ -37,13 +37,21 @@ class QRVSessionMetrics {
   bool isEmpty() const;
 
  private:
-  void tick();
+  // Everything a tick reads. A tick holds it for its duration, so the metrics (and the session
+  // owning them) may be released meanwhile, on any thread.
+  struct State {
+    Listener listener;
+    std::shared_ptr<Executor> executor;
+    mutable std::mutex mutex;  // guards the supplier and lastAlive against the socket's thread
+    LatencySupplier latencySupplier;
+    std::optional<WallTime> lastAlive;
 
-  const Listener listener_;
-  const std::shared_ptr<Executor> executor_;
-  mutable std::mutex mutex_;  // guards the supplier and lastAlive against the socket's thread
-  LatencySupplier latencySupplier_;
-  std::optional<WallTime> lastAlive_;
+    double latency() const;
+    bool isEmpty() const;
+    void tick() const;
+  };
+
+  const std::shared_ptr<State> state_;
   RepeatingTimer metricsTimer_;
 };
 

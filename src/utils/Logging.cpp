@@ -1,12 +1,13 @@
 #include "utils/Logging.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <mutex>
 #include <vector>
 
-#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/sink.h>
 
 #include "quorvix/Log.h"
 
@@ -45,54 +46,65 @@ const char* levelName(LogLevel l) {
 }
 
 // One sink shared by every unit's logger: hands each line to the host's handlers and, above its
-// own threshold, to standard error.
-class DispatchSink final : public spdlog::sinks::base_sink<std::mutex> {
+// own threshold, to standard error. Handlers run outside every lock of the sink, on a snapshot of
+// the list, so that one may remove itself or another, change the levels, or log. A handler removed
+// while a line is being handed out on another thread may still receive that line.
+class DispatchSink final : public spdlog::sinks::sink {
  public:
   int add(LogHandler h, LogLevel min) {
     std::lock_guard lock(mutex_);
-    handlers_.push_back({++lastId_, std::move(h), min});
+    auto next = std::make_shared<Handlers>(*handlers_);
+    next->push_back({++lastId_, std::make_shared<const LogHandler>(std::move(h)), min});
+    handlers_ = std::move(next);
     return lastId_;
   }
   void remove(int id) {
     std::lock_guard lock(mutex_);
-    std::erase_if(handlers_, [id](const Entry& e) { return e.id == id; });
+    auto next = std::make_shared<Handlers>(*handlers_);
+    std::erase_if(*next, [id](const Entry& e) { return e.id == id; });
+    handlers_ = std::move(next);
   }
-  void setStderrLevel(LogLevel min) {
-    std::lock_guard lock(mutex_);
-    stderrMin_ = min;
-  }
-  void setStderrEnabled(bool enabled) {
-    std::lock_guard lock(mutex_);
-    stderrEnabled_ = enabled;
-  }
+  void setStderrLevel(LogLevel min) { stderrMin_ = min; }
+  void setStderrEnabled(bool enabled) { stderrEnabled_ = enabled; }
 
- protected:
-  void sink_it_(const spdlog::details::log_msg& msg) override {
+  void log(const spdlog::details::log_msg& msg) override {
     LogLevel level = fromSpd(msg.level);
     std::string_view category(msg.logger_name.data(), msg.logger_name.size());
     std::string_view text(msg.payload.data(), msg.payload.size());
-    for (const auto& e : handlers_) {
+    std::shared_ptr<const Handlers> handlers;
+    {
+      std::lock_guard lock(mutex_);
+      handlers = handlers_;
+    }
+    for (const auto& e : *handlers) {
       if (level >= e.min)
-        e.handler(LogRecord{level, kLogSubsystem, category, text});
+        (*e.handler)(LogRecord{level, kLogSubsystem, category, text});
     }
     if (stderrEnabled_ && level >= stderrMin_) {
+      // One call per line, so that lines from several threads do not interleave.
       std::fprintf(stderr, "[%.*s:%.*s] %s: %.*s\n", static_cast<int>(kLogSubsystem.size()),
                    kLogSubsystem.data(), static_cast<int>(category.size()), category.data(),
                    levelName(level), static_cast<int>(text.size()), text.data());
     }
   }
-  void flush_() override { std::fflush(stderr); }
+  void flush() override { std::fflush(stderr); }
+  // Lines go out as their text only; patterns and formatters do not apply.
+  void set_pattern(const std::string&) override {}
+  void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
 
  private:
   struct Entry {
     int id;
-    LogHandler handler;
+    std::shared_ptr<const LogHandler> handler;
     LogLevel min;
   };
-  std::vector<Entry> handlers_;
+  using Handlers = std::vector<Entry>;
+
+  std::mutex mutex_;  // guards handlers_ and lastId_; never held while a handler runs
+  std::shared_ptr<const Handlers> handlers_ = std::make_shared<Handlers>();
   int lastId_ = 0;
-  LogLevel stderrMin_ = LogLevel::error;
-  bool stderrEnabled_ = true;
+  std::atomic<LogLevel> stderrMin_{LogLevel::error};
+  std::atomic<bool> stderrEnabled_{true};
 };
 
 struct Registry {

@@ -25,22 +25,23 @@ class SystemClock final : public Clock {
 // until its deadline and is then skipped; the queue is only ever a few timers long.
 class ThreadExecutor final : public Executor {
  public:
-  explicit ThreadExecutor(const char* name) : work_(asio::make_work_guard(io_)) {
+  explicit ThreadExecutor(const char* name) : io_(std::make_shared<asio::io_context>()) {
     std::promise<void> started;
-    thread_ = std::thread([this, name, &started] {
+    thread_ = std::thread([io = io_, name, &started] {
       pthread_setname_np(pthread_self(), name);
+      auto work = asio::make_work_guard(*io);
       started.set_value();
-      io_.run();
+      io->run();
     });
     threadId_ = thread_.get_id();
     started.get_future().wait();
   }
 
   ~ThreadExecutor() override {
-    work_.reset();
-    io_.stop();
-    // The last owner may be a task on this very thread; it cannot wait for itself.
-    if (std::this_thread::get_id() == threadId_)
+    io_->stop();
+    // The last owner may be a task on this very thread; it cannot wait for itself. The thread
+    // shares the context, which then lives on until run() has returned.
+    if (isCurrent())
       thread_.detach();
     else
       thread_.join();
@@ -48,11 +49,11 @@ class ThreadExecutor final : public Executor {
 
   bool isCurrent() const override { return std::this_thread::get_id() == threadId_; }
 
-  void post(Task task) override { asio::post(io_, std::move(task)); }
+  void post(Task task) override { asio::post(*io_, std::move(task)); }
 
   TaskHandle postAfter(Duration delay, Task task) override {
     auto cancelled = std::make_shared<std::atomic<bool>>(false);
-    auto timer = std::make_shared<asio::steady_timer>(io_, delay);
+    auto timer = std::make_shared<asio::steady_timer>(*io_, delay);
     timer->async_wait(
         [timer, cancelled, task = std::move(task)](const boost::system::error_code& ec) {
           if (!ec && !cancelled->load())
@@ -64,8 +65,8 @@ class ThreadExecutor final : public Executor {
   const Clock& clock() const override { return clock_; }
 
  private:
-  asio::io_context io_;
-  asio::executor_work_guard<asio::io_context::executor_type> work_;
+  // Shared with the thread; see the destructor.
+  std::shared_ptr<asio::io_context> io_;
   std::thread thread_;
   std::thread::id threadId_;
   SystemClock clock_;

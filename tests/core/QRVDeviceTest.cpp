@@ -10,6 +10,7 @@
 #include "../support/HttpTestServer.h"
 #include "../support/LogCapture.h"
 #include "../support/ManualExecutor.h"
+#include "../support/ScopedURLSession.h"
 #include "../support/TestUtil.h"
 #include "../support/WsTestServer.h"
 #include "cbor/CBORDecoder.h"
@@ -148,6 +149,43 @@ TEST_F(QRVDeviceTest, FailuresWaitLongerEachTimeAndSuccessFollowsTheServicesInte
   main->advance(*main->nextDelay());
   EXPECT_EQ(nextLoopDelay(), 5) << "attempt 0 again after a success";
   EXPECT_EQ(main->pendingCount(), 1u);
+}
+
+TEST_F(QRVDeviceTest, ARegistrationThatIsNeverAnsweredIsRetriedAsAFailure) {
+  http.setHandler([](const RecordedRequest&) { return TestResponse{.neverAnswer = true}; });
+  test::ScopedURLSession session(
+      QRVURLSession::makeEphemeral({.stallTimeout = std::chrono::milliseconds(300)}));
+  device->runRegistrationLoop();
+  EXPECT_EQ(nextLoopDelay(), 5);
+  EXPECT_TRUE(log.mentions("Quorvix registration error: QRVURLSession"));
+
+  answer(R"({"id":"D","next_registration":100})");
+  main->advanceSeconds(5);
+  EXPECT_TRUE(main->runUntil([&] { return http.requests().size() == 2; }));
+  EXPECT_EQ(nextLoopDelay(), 100) << "the loop goes on";
+}
+
+TEST_F(QRVDeviceTest, ADeviceOnItsOwnExecutorTakesUpAnswersThere) {
+  auto queue = std::make_shared<test::ManualExecutor>();
+  auto own = std::make_shared<QRVDevice>(QRVDevice::Environment{.executor = queue});
+  answer(R"({"id":"D","next_registration":100})");
+  own->runRegistrationLoop();
+
+  // The answer comes on the main queue, which hands it over and touches nothing of the device.
+  ASSERT_TRUE(main->runUntil([&] { return queue->pendingCount() > 0; }));
+  EXPECT_FALSE(own->isRegistrationScheduled());
+  queue->runUntilIdle();
+  EXPECT_TRUE(own->isRegistrationScheduled());
+  EXPECT_EQ(queue->nextDelay(), seconds(100));
+
+  // A one-off registration's completion still runs on the main queue.
+  Recorder rec;
+  own->registerDevice(rec.callback());
+  ASSERT_TRUE(main->runUntil([&] { return queue->pendingCount() > 1; }));
+  EXPECT_FALSE(rec.called());
+  queue->runUntilIdle();
+  EXPECT_TRUE(main->runUntil([&] { return rec.called(); }));
+  own->reset();
 }
 
 TEST_F(QRVDeviceTest, RunningTheLoopTwiceLeavesOneLoop) {

@@ -2,11 +2,15 @@
 #include "core/QRVRequest.h"
 
 #include "quorvix/QRVBundle.h"
+#include "quorvix/TLSConfiguration.h"
+#include "web-socket/WSHandshake.h"
 
 #include <gtest/gtest.h>
 
 #include "../support/HttpTestServer.h"
 #include "../support/ManualExecutor.h"
+#include "../support/ScopedURLSession.h"
+#include "../support/TestCertificates.h"
 #include "../support/TestUtil.h"
 
 namespace quorvix {
@@ -167,6 +171,110 @@ TEST_F(QRVRequestTest, TransportFailuresReachTheCompletionOnce) {
   ASSERT_TRUE(noUrl.arg<0>().has_value());
 }
 
+TEST_F(QRVRequestTest, AServerThatNeverAnswersFailsTheRequestOnceNothingMoves) {
+  HttpTestServer server([](const RecordedRequest&) { return TestResponse{.neverAnswer = true}; });
+  test::ScopedURLSession session(
+      QRVURLSession::makeEphemeral({.stallTimeout = std::chrono::milliseconds(300)}));
+  Recorder rec = send(server.url());
+  ASSERT_TRUE(rec.arg<0>().has_value());
+  EXPECT_EQ(rec.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+  EXPECT_FALSE(rec.arg<2>().has_value());
+  EXPECT_EQ(server.requests().size(), 1u) << "the request went out, and no answer came";
+}
+
+TEST_F(QRVRequestTest, RedirectsAreFollowedOnlyWithinTheOrigin) {
+  HttpTestServer elsewhere;
+  HttpTestServer server([&](const RecordedRequest& r) -> TestResponse {
+    if (r.target == "/moved")
+      return {307, "{}", {{"Location", "/here"}}};
+    if (r.target == "/other-port")
+      return {302, "{}", {{"Location", elsewhere.url("/take")}}};
+    if (r.target == "/other-host")
+      return {308, "{}", {{"Location", server.url("/here", "localhost")}}};
+    return {200, R"({"at":"here"})"};
+  });
+  QRVRequestOptions options;
+  options.method = "PUT";
+  options.headers = {{"X-QuorviLicense", "lic"}};
+  options.body = Value(Value::Map{{"a", 1}});
+
+  Recorder followed = send(server.url("/moved"), options);
+  EXPECT_FALSE(followed.arg<0>().has_value());
+  EXPECT_EQ(followed.arg<1>(), Value(Value::Map{{"at", "here"}}));
+  auto reqs = server.requests();
+  ASSERT_EQ(reqs.size(), 2u);
+  EXPECT_EQ(reqs[1].target, "/here");
+  EXPECT_EQ(reqs[1].method, "PUT");
+  EXPECT_EQ(reqs[1].body, R"({"a":1})");
+  EXPECT_EQ(reqs[1].header("x-quorvilicense"), "lic");
+
+  for (const char* path : {"/other-port", "/other-host"}) {
+    SCOPED_TRACE(path);
+    Recorder refused = send(server.url(path), options);
+    ASSERT_TRUE(refused.arg<0>().has_value());
+    EXPECT_EQ(refused.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+    EXPECT_NE(refused.arg<0>()->message().find("redirect"), std::string::npos)
+        << refused.arg<0>()->message();
+    EXPECT_FALSE(refused.arg<1>().has_value());
+  }
+  // Both refusals have completed, so anything sent on would have arrived by now.
+  EXPECT_EQ(server.requests().size(), 4u) << "nothing came back to the same port either";
+  EXPECT_TRUE(elsewhere.requests().empty());
+  EXPECT_EQ(elsewhere.connectionCount(), 0);
+}
+
+TEST_F(QRVRequestTest, RequestsFollowTheTLSConfiguration) {
+  test::TestCertificates certs;
+  ASSERT_TRUE(certs.ok);
+  HttpTestServer server(nullptr, test::TlsIdentity{certs.localhostPem, certs.localhostKey});
+  HttpTestServer wrongName(nullptr, test::TlsIdentity{certs.otherHostPem, certs.otherHostKey});
+  HttpTestServer selfSigned(nullptr, test::TlsIdentity{certs.selfSignedPem, certs.selfSignedKey});
+  struct Restore {
+    ~Restore() { setTLSConfiguration({}); }
+  } restore;
+  auto fails = [&](const std::string& url) {
+    Recorder rec = send(url);
+    return rec.arg<0>().has_value() && rec.arg<0>()->domain() == QRVURLSession::kErrorDomain;
+  };
+
+  EXPECT_TRUE(fails(server.url())) << "the test root is not in the system store";
+  setTLSConfiguration({{certs.caPem}});
+  Recorder trusted = send(server.url());
+  EXPECT_FALSE(trusted.arg<0>().has_value()) << *trusted.arg<0>();
+  EXPECT_TRUE(fails(wrongName.url())) << "a trusted root does not excuse the wrong name";
+  EXPECT_TRUE(fails(selfSigned.url("/", "localhost")));
+  setTLSConfiguration({});
+  EXPECT_TRUE(fails(server.url())) << "the root is gone with the configuration";
+
+  setTLSConfiguration({.verifyCertificates = false});
+  Recorder unverified = send(selfSigned.url("/", "localhost"));
+  EXPECT_FALSE(unverified.arg<0>().has_value()) << *unverified.arg<0>();
+
+  EXPECT_EQ(server.requests().size(), 1u);
+  EXPECT_TRUE(wrongName.requests().empty());
+  EXPECT_EQ(selfSigned.requests().size(), 1u);
+}
+
+TEST_F(QRVRequestTest, ACertificateThatNamesTheHostOnlyInItsCommonNameIsRefused) {
+  test::TestCertificates certs;
+  ASSERT_TRUE(certs.ok);
+  HttpTestServer commonNameOnly(
+      nullptr, test::TlsIdentity{certs.commonNameOnlyPem, certs.commonNameOnlyKey});
+  HttpTestServer withAltName(nullptr, test::TlsIdentity{certs.localhostPem, certs.localhostKey});
+  struct Restore {
+    ~Restore() { setTLSConfiguration({}); }
+  } restore;
+  setTLSConfiguration({{certs.caPem}});
+
+  Recorder refused = send(commonNameOnly.url("/", "localhost"));
+  ASSERT_TRUE(refused.arg<0>().has_value());
+  EXPECT_EQ(refused.arg<0>()->domain(), QRVURLSession::kErrorDomain);
+  Recorder accepted = send(withAltName.url("/", "localhost"));
+  EXPECT_FALSE(accepted.arg<0>().has_value()) << *accepted.arg<0>();
+  EXPECT_TRUE(commonNameOnly.requests().empty());
+  EXPECT_EQ(withAltName.requests().size(), 1u);
+}
+
 TEST_F(QRVRequestTest, HugeBodiesAreBoundedNotBuffered) {
   std::string big = "[\"" + std::string(QRVURLSession::kMaxBodyBytes, 'a') + "\"]";
   HttpTestServer server([&](const RecordedRequest&) { return TestResponse{200, big}; });
@@ -207,6 +315,40 @@ TEST_F(QRVRequestTest, EachRequestRunsInASessionOfItsOwnUnlessTheHostSetOne) {
   EXPECT_EQ(reqs[3].connection, reqs[2].connection) << "the host's session keeps connections";
 }
 
+// What a host would write: a session of its own, installed through the public header only.
+class HostURLSession final : public QRVURLSession {
+ public:
+  void dataTask(QRVHTTPRequest request, std::function<void(QRVHTTPResult)> completion) override {
+    seen.push_back(request);
+    QRVHTTPResult result;
+    result.response = QRVHTTPResponse{.statusCode = 200, .url = request.url};
+    result.body = R"({"answered_by":"host"})";
+    completion(std::move(result));
+  }
+  std::vector<QRVHTTPRequest> seen;
+};
+
+TEST_F(QRVRequestTest, AHostsOwnURLSessionCarriesTheRequests) {
+  HttpTestServer server;
+  auto session = std::make_shared<HostURLSession>();
+  setCustomURLSession(session);
+  QRVRequestOptions options;
+  options.method = "POST";
+  options.body = Value(Value::Map{{"a", 1}});
+  Recorder rec = send(server.url("/api/1/sessions"), options);
+  setCustomURLSession(nullptr);
+
+  EXPECT_EQ(rec.arg<1>(), Value(Value::Map{{"answered_by", "host"}}));
+  ASSERT_EQ(session->seen.size(), 1u);
+  EXPECT_EQ(session->seen[0].url, server.url("/api/1/sessions"));
+  EXPECT_EQ(session->seen[0].method, "POST");
+  EXPECT_EQ(session->seen[0].body, R"({"a":1})");
+  EXPECT_TRUE(server.requests().empty());
+
+  send(server.url());
+  EXPECT_EQ(server.requests().size(), 1u) << "the library's own session again";
+}
+
 TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
   QRVBundle::setMain({.name = "Helpdesk", .version = "42"});
   struct Case {
@@ -228,7 +370,9 @@ TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
       {"https://h/", "wss://other:9000/x/", "wss://other:9000/x/sockets/1/ws", std::nullopt},
       {"HTTPS://h/", std::nullopt, "wss://h/sockets/1/ws", "h"},
       {"ftp://h:21/", std::nullopt, "ftp://h:21/sockets/1/ws", std::nullopt},
-      {"https://[::1]:443/", std::nullopt, "wss://[::1]:443/sockets/1/ws", "::1"},
+      // A Host value keeps an IPv6 address in its brackets.
+      {"https://[::1]:443/", std::nullopt, "wss://[::1]:443/sockets/1/ws", "[::1]"},
+      {"http://[::1]/", std::nullopt, "ws://[::1]/sockets/1/ws", "[::1]"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.base);
@@ -241,6 +385,16 @@ TEST(QRVSocketRequestTest, BuildsTheUpgradeRequest) {
     EXPECT_EQ(req->header("User-Agent"), "Helpdesk/42");
     EXPECT_EQ(req->header("X-QuorviDevice"), "D");
     EXPECT_EQ(req->timeout, std::chrono::seconds(10));
+  }
+  // The upgrade sends that Host, and makes the same one when the request has none.
+  for (bool withHost : {true, false}) {
+    auto req = QRVRequest::socketRequest(std::nullopt, "t", {}, *QRVURL::parse("https://[::1]/"));
+    if (!withHost)
+      std::erase_if(req->headers, [](const auto& h) { return h.first == "Host"; });
+    WSEndpoint endpoint = wsEndpoint(req->url);
+    std::string text =
+        buildHandshake({endpoint.resource, endpoint.authority, "", req->headers}, webSocketKey({}));
+    EXPECT_NE(text.find("\r\nHost: [::1]\r\n"), std::string::npos) << text;
   }
   // The token wins over a caller's own Authorization header.
   auto req = QRVRequest::socketRequest(std::nullopt, "t2", {{"authorization", "Basic x"}},

@@ -1,5 +1,7 @@
 #include "core/QRVSessionMetrics.h"
 
+#include "core/QRVSession.h"
+
 #include <gtest/gtest.h>
 
 #include "../support/ManualExecutor.h"
@@ -69,6 +71,38 @@ TEST(QRVSessionMetricsLifetimeTest, NoTickAfterDestruction) {
   clock->advanceSeconds(5);
   EXPECT_EQ(updates, 0);
   EXPECT_EQ(clock->pendingCount(), 0u);
+}
+
+class CountingObserver final : public QRVSessionObserver {
+ public:
+  void sessionDidEnd(const std::shared_ptr<QRVSession>&) override {}
+  void sessionMetricsDidUpdate(const std::shared_ptr<QRVSession>&) override { ++updates; }
+  int updates = 0;
+};
+
+TEST(QRVSessionMetricsLifetimeTest, ASessionReleasedWhileATickRunsIsNotTouchedAgain) {
+  test::ScopedManualMainQueue main;
+  auto session = std::make_shared<QRVSession>(main.get());
+  auto observer = std::make_shared<CountingObserver>();
+  session->registerSessionObserver(observer);
+  std::weak_ptr<QRVSession> weak = session;
+  bool release = false;
+  // The tick reads the supplier; dropping the session there is what a release on another thread
+  // looks like to a tick already under way.
+  session->metrics().setLatencySupplier([&] {
+    if (release)
+      session.reset();
+    return 0.5;
+  });
+  main->advanceSeconds(1);
+  EXPECT_EQ(observer->updates, 1);
+
+  release = true;
+  main->advanceSeconds(1);
+  EXPECT_TRUE(weak.expired());
+  EXPECT_EQ(observer->updates, 1) << "no report about a session that is gone";
+  main->advanceSeconds(5);
+  EXPECT_EQ(main->pendingCount(), 0u);
 }
 
 }  // namespace

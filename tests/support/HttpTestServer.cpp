@@ -6,6 +6,7 @@
 #include <cctype>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 
@@ -37,8 +38,24 @@ struct HttpTestServer::Impl {
   std::vector<std::thread> connectionThreads;
   std::vector<int> openSockets;
   std::atomic<bool> stopping{false};
+  std::optional<asio::ssl::context> tls;
 
   void serve(tcp::socket socket, int index) {
+    if (!tls) {
+      serveRequests(socket, index);
+      finish(socket);
+      return;
+    }
+    asio::ssl::stream<tcp::socket> stream(std::move(socket), *tls);
+    boost::system::error_code ec;
+    stream.handshake(asio::ssl::stream_base::server, ec);
+    if (!ec)
+      serveRequests(stream, index);
+    finish(stream.next_layer());
+  }
+
+  template <typename Stream>
+  void serveRequests(Stream& socket, int index) {
     boost::beast::flat_buffer buffer;
     boost::system::error_code ec;
     while (!stopping) {
@@ -68,6 +85,12 @@ struct HttpTestServer::Impl {
       TestResponse answer = h ? h(rec) : TestResponse{};
       if (answer.hangUp)
         break;
+      if (answer.neverAnswer) {
+        char byte;
+        while (!stopping && !ec)
+          socket.read_some(asio::buffer(&byte, 1), ec);
+        break;
+      }
       http::response<http::string_body> res{static_cast<http::status>(answer.status),
                                             req.version()};
       bool hasType = false;
@@ -89,6 +112,10 @@ struct HttpTestServer::Impl {
       if (ec || !req.keep_alive())
         break;
     }
+  }
+
+  void finish(tcp::socket& socket) {
+    boost::system::error_code ec;
     socket.shutdown(tcp::socket::shutdown_both, ec);
     // Forget the descriptor before the socket closes it, so it is never shut down once reused.
     std::lock_guard lock(mutex);
@@ -96,8 +123,14 @@ struct HttpTestServer::Impl {
   }
 };
 
-HttpTestServer::HttpTestServer(Handler handler) : impl_(std::make_unique<Impl>()) {
+HttpTestServer::HttpTestServer(Handler handler, std::optional<TlsIdentity> tls)
+    : impl_(std::make_unique<Impl>()) {
   impl_->handler = std::move(handler);
+  if (tls) {
+    impl_->tls.emplace(asio::ssl::context::tls_server);
+    impl_->tls->use_certificate_chain(asio::buffer(tls->certificate));
+    impl_->tls->use_private_key(asio::buffer(tls->privateKey), asio::ssl::context::pem);
+  }
   tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), 0);
   impl_->acceptor.open(endpoint.protocol());
   impl_->acceptor.set_option(tcp::acceptor::reuse_address(true));
@@ -136,8 +169,9 @@ HttpTestServer::~HttpTestServer() {
     t.join();
 }
 
-std::string HttpTestServer::url(std::string_view path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + std::string(path);
+std::string HttpTestServer::url(std::string_view path, std::string_view host) const {
+  return std::string(impl_->tls ? "https://" : "http://") + std::string(host) + ":" +
+         std::to_string(port_) + std::string(path);
 }
 
 void HttpTestServer::setHandler(Handler handler) {

@@ -1,5 +1,6 @@
-// An HTTP/1.1 server on 127.0.0.1 inside the test process. It records every request and answers
-// what the test's handler says. It picks its own port and stops its threads when destroyed.
+// An HTTP/1.1 server on 127.0.0.1 inside the test process, plain or TLS. It records every request
+// and answers what the test's handler says. It picks its own port and stops its threads when
+// destroyed.
 #pragma once
 
 #include <atomic>
@@ -33,20 +34,27 @@ struct TestResponse {
   std::vector<std::pair<std::string, std::string>> headers;
   // Close the connection without answering.
   bool hangUp = false;
+  // Keep the connection open and silent until the client leaves or the server stops.
+  bool neverAnswer = false;
+};
+
+// PEM texts of the certificate chain and its key.
+struct TlsIdentity {
+  std::string certificate, privateKey;
 };
 
 class HttpTestServer {
  public:
   using Handler = std::function<TestResponse(const RecordedRequest&)>;
 
-  explicit HttpTestServer(Handler handler = nullptr);
+  explicit HttpTestServer(Handler handler = nullptr, std::optional<TlsIdentity> tls = {});
   ~HttpTestServer();
   HttpTestServer(const HttpTestServer&) = delete;
   HttpTestServer& operator=(const HttpTestServer&) = delete;
 
   unsigned short port() const { return port_; }
-  // "http://127.0.0.1:PORT" followed by `path`.
-  std::string url(std::string_view path = "/") const;
+  // "http://HOST:PORT" ("https://" with TLS) followed by `path`.
+  std::string url(std::string_view path = "/", std::string_view host = "127.0.0.1") const;
   void setHandler(Handler handler);
 
   std::vector<RecordedRequest> requests() const;

@@ -1,5 +1,7 @@
 // The main queue's threading rules, the invokers built on them, the repeating timer and the
 // per-unit loggers.
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <thread>
 
@@ -62,6 +64,38 @@ TEST(MainQueueTest, ASyncHopReturnsWhenTheQueueGoesAway) {
   manual.reset();
   other.join();
   EXPECT_FALSE(ran);
+}
+
+// Sets a promise when destroyed: shows when a queued task has been let go.
+struct ReleaseMarker {
+  std::shared_ptr<std::promise<void>> released = std::make_shared<std::promise<void>>();
+  ReleaseMarker() = default;
+  ReleaseMarker(ReleaseMarker&&) = default;
+  ~ReleaseMarker() {
+    if (released)
+      released->set_value();
+  }
+};
+
+TEST(MainQueueTest, AnExecutorReleasedByItsOwnTaskOutlivesTheTask) {
+  auto slot = std::make_shared<std::shared_ptr<Executor>>(makeThreadExecutor("test-self"));
+  std::promise<void> go, ranOwn;
+  std::shared_future<void> started = go.get_future().share();
+  ReleaseMarker marker;
+  auto markerReleased = marker.released->get_future();
+  // The first task drops the last reference on the executor's own thread; the second never runs
+  // and is let go with the queue, which must wait until the first task has returned.
+  (*slot)->post([slot, started, &ranOwn] {
+    started.wait();
+    slot->reset();
+    ranOwn.set_value();
+  });
+  (*slot)->post([marker = std::make_shared<ReleaseMarker>(std::move(marker))] {});
+  std::weak_ptr<Executor> weak = *slot;
+  go.set_value();
+  ASSERT_EQ(ranOwn.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(markerReleased.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_TRUE(weak.expired());
 }
 
 TEST(ManualExecutorTest, RunsDueTasksInDeadlineOrder) {
@@ -127,6 +161,61 @@ TEST(LoggingTest, OneLoggerPerUnitAndHostHandlersSeeEveryLine) {
   EXPECT_EQ(lines, (std::vector<std::string>{
                        "io.quorvi/UnitA: Initialised Quorvix SDK 3.13.2",
                        "io.quorvi/UnitB: Error: Cannot set capabilities after Quorvi is started"}));
+}
+
+// Runs `f` on a thread of its own and waits a bounded time for it. A deadlock leaves the logging
+// lock held for good, so the process ends rather than hanging every test after it.
+void finishesWithoutDeadlock(const std::function<void()>& f) {
+  auto done = std::make_shared<std::promise<void>>();
+  auto finished = done->get_future();
+  std::thread([f, done] {
+    f();
+    done->set_value();
+  }).detach();
+  if (finished.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+    std::fprintf(stderr, "deadlocked in a log handler\n");
+    std::_Exit(1);
+  }
+}
+
+TEST(LoggingTest, HandlersMayRemoveThemselvesChangeLevelsAndLog) {
+  setStderrLogging(false);
+  auto log = QRV_LOGGER_FOR("Reentrant");
+  std::vector<std::string> seen;
+  int watcher = addLogHandler([&](const LogRecord& r) { seen.emplace_back(r.message); });
+
+  int removerCalls = 0;
+  int remover = 0;
+  remover = addLogHandler([&](const LogRecord&) {
+    ++removerCalls;
+    removeLogHandler(remover);
+  });
+  bool levelChanged = false;
+  int leveller = addLogHandler([&](const LogRecord&) {
+    setStderrLogLevel(LogLevel::warn);
+    setStderrLogging(false);
+    levelChanged = true;
+  });
+  bool echoed = false;
+  int echo = addLogHandler([&](const LogRecord& r) {
+    if (!echoed && r.message == "first") {
+      echoed = true;
+      log->debug("echo of {}", r.message);
+    }
+  });
+
+  finishesWithoutDeadlock([&] {
+    log->debug("first");
+    log->debug("second");
+  });
+  EXPECT_EQ(removerCalls, 1) << "removed itself on the first line";
+  EXPECT_TRUE(levelChanged);
+  EXPECT_EQ(seen, (std::vector<std::string>{"first", "echo of first", "second"}));
+
+  for (int id : {watcher, leveller, echo})
+    removeLogHandler(id);
+  setStderrLogLevel(LogLevel::error);
+  setStderrLogging(true);
 }
 
 }  // namespace

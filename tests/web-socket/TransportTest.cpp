@@ -486,5 +486,19 @@ INSTANTIATE_TEST_SUITE_P(Transports,
                                            WebsocketMethod::starscream),
                          name);
 
+// Trusted root, right name, but only in the common name: refused, as modern clients do.
+TEST_P(TransportTest, RefusesACertificateThatNamesTheHostOnlyInItsCommonName) {
+  test::TestCertificates certs;
+  ASSERT_TRUE(certs.ok) << "openssl could not make the test certificates";
+  setTLSConfiguration({{certs.caPem}});
+  WsTestServer server(WsServerOptions{.certificate = certs.commonNameOnlyPem,
+                                      .privateKey = certs.commonNameOnlyKey});
+  auto transport = open(server.url("/", "localhost"), false);
+  ASSERT_TRUE(until([](Recorder& r) { return r.connects > 0 || !r.disconnects.empty(); }));
+  EXPECT_EQ(recorder->connects, 0);
+  EXPECT_TRUE(lastError().has_value());
+  EXPECT_EQ(server.upgrades(), 0);
+}
+
 }  // namespace
 }  // namespace quorvix

@@ -59,7 +59,9 @@ bool prepareClientTLS(ssl_st* ssl, const std::string& host) {
   X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
   if (!ec)
     return X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) == 1;
-  X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+  // A name only in the common name, without subjectAltName, no longer counts.
+  X509_VERIFY_PARAM_set_hostflags(
+      param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
   return SSL_set_tlsext_host_name(ssl, host.c_str()) == 1 && SSL_set1_host(ssl, host.c_str()) == 1;
 }
 
