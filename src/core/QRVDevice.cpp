@@ -154,8 +154,10 @@ void QRVDevice::loop(std::int64_t attempt, std::uint64_t generation) {
   registerThen(
       [attempt, generation](std::optional<QRVError> error, std::shared_ptr<QRVDevice> device) {
         // A reset since this registration was sent started another loop, or ended this one.
-        if (generation != device->loopGeneration_ || device->nextRegistration_.isActive())
+        if (generation != device->loopGeneration_ || device->nextRegistration_.isActive()) {
+          logger()->debug("A registration answer of a replaced loop was set aside");
           return;
+        }
         double delay = error ? failureDelay(attempt) : double(device->registrationInterval());
         if (delay == 0)
           delay = kDefaultRegistrationInterval;

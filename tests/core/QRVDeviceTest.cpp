@@ -194,15 +194,17 @@ TEST_F(QRVDeviceTest, RunningTheLoopTwiceLeavesOneLoop) {
   device->runRegistrationLoop();
   ASSERT_TRUE(main->runUntil([&] { return http.requests().size() == 2; }));
   EXPECT_EQ(nextLoopDelay(), 100);
-  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  ASSERT_TRUE(main->runUntil([&] {
+    return log.contains(LogLevel::debug, "A registration answer of a replaced loop was set aside");
+  }));
   EXPECT_EQ(main->pendingCount(), 1u) << "the first loop's answer scheduled nothing";
 
   for (int round = 1; round <= 3; ++round) {
     main->advanceSeconds(100);
     ASSERT_TRUE(main->runUntil([&] { return http.requests().size() == 2u + round; }));
     EXPECT_EQ(nextLoopDelay(), 100);
+    EXPECT_EQ(main->pendingCount(), 1u);
   }
-  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
   EXPECT_EQ(http.requests().size(), 5u);
 }
 
@@ -222,11 +224,18 @@ TEST_F(QRVDeviceTest, DeregistrationEmptiesCustomDataStopsTheLoopAndDeletes) {
   EXPECT_FALSE(rec.arg<0>());
 
   main->advanceSeconds(3600);
-  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  // Nothing left that could send.
+  EXPECT_FALSE(device->isRegistrationScheduled());
+  EXPECT_EQ(main->pendingCount(), 0u);
   auto requests = http.requests();
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[1].method, "DELETE");
   EXPECT_EQ(requests[1].target, "/api/1/devices/DEVICE-1");
+  // Nothing the loop or its requests started still holds the device (the recorder did).
+  rec = Recorder();
+  std::weak_ptr<QRVDevice> weak = device;
+  device = std::make_shared<QRVDevice>();
+  EXPECT_TRUE(weak.expired());
 }
 
 TEST_F(QRVDeviceTest, NotificationSocketFiltersAnswersProbesAndPassesNotificationsOn) {
@@ -280,7 +289,7 @@ TEST_F(QRVDeviceTest, ARefusedNotificationSocketStaysClosedUntilTheNextRegistrat
   EXPECT_TRUE(log.contains(LogLevel::error, "Quorvix disconnected due to error CBORSocket 403: "));
   EXPECT_TRUE(log.contains(LogLevel::error, "Quorvix: Closing socket"));
   main->advanceSeconds(120);
-  main->runUntil([] { return false; }, std::chrono::milliseconds(50));
+  EXPECT_EQ(main->pendingCount(), 0u) << "no retry scheduled";
   EXPECT_EQ(ws.requestHeaders().size(), 1u) << "no retry";
 
   registerOnce();

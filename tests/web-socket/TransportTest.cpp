@@ -149,10 +149,10 @@ TEST_P(TransportTest, ReportsTheServersCloseCode) {
 TEST_P(TransportTest, PingsAreAnsweredAndReported) {
   WsTestServer server;
   auto transport = open(server.url());
-  bool completed = false;
+  std::atomic<bool> completed{false};  // the platform transport completes on its own thread
   transport->writePing({}, [&] { completed = true; });
   EXPECT_TRUE(until([](Recorder& r) { return r.pongs == 1; }));
-  EXPECT_TRUE(main->runUntil([&] { return completed; }));
+  EXPECT_TRUE(main->runUntil([&] { return completed.load(); }));
 }
 
 TEST_P(TransportTest, RefusedUpgradeEndsTheAttempt) {
