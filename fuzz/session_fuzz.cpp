@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "core/QRVDeviceInfo.h"
-#include "core/QRVSession.h"
+#include "core/QRVSessionResource.h"
 #include "quorvix/Log.h"
 #include "storage/KeychainStore.h"
 #include "utils/Base64.h"
@@ -21,7 +21,7 @@ using namespace quorvix;
 
 void readSession(std::string_view text) {
   auto value = Value::fromJson(text);
-  auto session = std::make_shared<QRVSession>();
+  auto session = std::make_shared<QRVSessionResource>();
   if (session->updateResource(value))
     return;
   (void)session->url();

@@ -1,4 +1,4 @@
-#include "core/QRVAgent.h"
+#include "quorvix/QRVAgent.h"
 
 namespace quorvix {
 

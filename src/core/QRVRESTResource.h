@@ -10,9 +10,9 @@
 #include <string>
 
 #include "core/QRVRequest.h"
-#include "core/QRVURL.h"
 #include "quorvix/QRVError.h"
 #include "quorvix/Value.h"
+#include "utils/QRVURL.h"
 
 namespace quorvix {
 

@@ -44,14 +44,6 @@ void classify(QRVHTTPResult result, const QRVRequestCallback& callback) {
 
 }  // namespace
 
-std::optional<std::string> QRVSocketRequest::header(std::string_view name) const {
-  for (const auto& [k, v] : headers) {
-    if (equalsIgnoringCase(k, name))
-      return v;
-  }
-  return std::nullopt;
-}
-
 std::shared_ptr<QRVURLSession> QRVRequest::urlSession() {
   {
     std::lock_guard lock(gSessionMutex);

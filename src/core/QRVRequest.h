@@ -1,17 +1,17 @@
 // HTTP requests with JSON bodies to the service, and the upgrade requests of its sockets.
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "core/QRVURL.h"
 #include "quorvix/QRVError.h"
 #include "quorvix/QRVURLSession.h"
 #include "quorvix/Value.h"
+#include "utils/QRVSocketRequest.h"
+#include "utils/QRVURL.h"
 
 namespace quorvix {
 
@@ -27,15 +27,6 @@ struct QRVRequestOptions {
 using QRVRequestCallback = std::function<void(std::optional<QRVError> error,
                                               std::optional<Value> json,
                                               std::optional<QRVHTTPResponse> response)>;
-
-// A prepared WebSocket upgrade: where to connect and which headers to send.
-struct QRVSocketRequest {
-  QRVURL url;
-  std::vector<std::pair<std::string, std::string>> headers;
-  std::chrono::milliseconds timeout{10000};
-
-  std::optional<std::string> header(std::string_view name) const;
-};
 
 class QRVRequest {
  public:

@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
-#include "core/QRVRequest.h"
 #include "quorvix/Executor.h"
 #include "quorvix/QRVError.h"
 #include "quorvix/QRVURLSession.h"
 #include "quorvix/Value.h"
+#include "utils/QRVSocketRequest.h"
 #include "utils/RepeatingTimer.h"
 #include "web-socket/SocketTransport.h"
 

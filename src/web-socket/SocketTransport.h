@@ -8,8 +8,8 @@
 #include <optional>
 #include <vector>
 
-#include "core/QRVRequest.h"
 #include "quorvix/QRVURLSession.h"
+#include "utils/QRVSocketRequest.h"
 #include "web-socket/WSStream.h"
 
 namespace quorvix {

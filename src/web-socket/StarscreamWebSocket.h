@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "core/QRVRequest.h"
 #include "quorvix/Executor.h"
+#include "utils/QRVSocketRequest.h"
 #include "web-socket/WSFraming.h"
 #include "web-socket/WSStream.h"
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/QRVURL.h"
+#include "utils/QRVURL.h"
 #include "web-socket/WSFraming.h"
 
 namespace quorvix {

@@ -1,6 +1,6 @@
 #include "core/QRVSessionMetrics.h"
 
-#include "core/QRVSession.h"
+#include "core/QRVSessionResource.h"
 
 #include <gtest/gtest.h>
 
@@ -82,7 +82,7 @@ class CountingObserver final : public QRVSessionObserver {
 
 TEST(QRVSessionMetricsLifetimeTest, ASessionReleasedWhileATickRunsIsNotTouchedAgain) {
   test::ScopedManualMainQueue main;
-  auto session = std::make_shared<QRVSession>(main.get());
+  auto session = std::make_shared<QRVSessionResource>(main.get());
   auto observer = std::make_shared<CountingObserver>();
   session->registerSessionObserver(observer);
   std::weak_ptr<QRVSession> weak = session;

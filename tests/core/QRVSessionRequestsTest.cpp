@@ -7,7 +7,7 @@
 #include "../support/TestUtil.h"
 #include "core/QRVDevice.h"
 #include "core/QRVDeviceInfo.h"
-#include "core/QRVSession.h"
+#include "core/QRVSessionResource.h"
 
 namespace quorvix {
 namespace {
@@ -38,7 +38,7 @@ class QRVSessionRequestsTest : public ::testing::Test {
   test::ScopedManualMainQueue main;
   HttpTestServer http;
   std::string answer = R"({"type":"Session","id":"S1","state":"active"})";
-  std::shared_ptr<QRVSession> session = std::make_shared<QRVSession>(
+  std::shared_ptr<QRVSessionResource> session = std::make_shared<QRVSessionResource>(
       Value::Map{{"type", "Session"}, {"id", "S1"}, {"state", "pending"}, {"full_device", "off"}});
 };
 
@@ -84,7 +84,7 @@ TEST_F(QRVSessionRequestsTest, EveryChangeIsAPutOfItsOwnBodyWithTheSessionsCapab
                              {"capabilities", Value::Array{"drawing", "laser", "pointer"}}}));
 
   // A session without a capability set sends an empty list.
-  auto bare = std::make_shared<QRVSession>(Value::Map{{"id", "S2"}});
+  auto bare = std::make_shared<QRVSessionResource>(Value::Map{{"id", "S2"}});
   run([&](auto cb) { bare->end(cb); });
   EXPECT_EQ(lastBody(), Value(Value::Map{{"state", "ended"}, {"capabilities", Value::Array{}}}));
 
@@ -97,7 +97,7 @@ TEST_F(QRVSessionRequestsTest, EveryChangeIsAPutOfItsOwnBodyWithTheSessionsCapab
 }
 
 TEST_F(QRVSessionRequestsTest, CreateFetchAndAnswersThatAreNotSessions) {
-  auto fresh = std::make_shared<QRVSession>(Value::Map{{"device", Value::Map{{"a", 1}}}});
+  auto fresh = std::make_shared<QRVSessionResource>(Value::Map{{"device", Value::Map{{"a", 1}}}});
   answer = R"({"type":"Session","id":"S9","code":"123456","state":"pending"})";
   Recorder created = run([&](auto cb) { fresh->create(cb); });
   EXPECT_FALSE(created.arg<0>());
@@ -107,7 +107,7 @@ TEST_F(QRVSessionRequestsTest, CreateFetchAndAnswersThatAreNotSessions) {
   EXPECT_EQ(lastBody(), Value(Value::Map{{"device", Value::Map{{"a", 1}}}}));
   EXPECT_EQ(fresh->code(), "123456");
 
-  auto byCode = std::make_shared<QRVSession>(Value::Map{{"code", "123456"}});
+  auto byCode = std::make_shared<QRVSessionResource>(Value::Map{{"code", "123456"}});
   Recorder fetched = run([&](auto cb) { byCode->fetch(cb); });
   EXPECT_EQ(http.requests().back().method, "GET");
   EXPECT_EQ(http.requests().back().target, "/api/1/sessions/123456");

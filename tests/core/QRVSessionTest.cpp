@@ -1,5 +1,5 @@
 // The session's reading of the service's answers, its validation and its observers.
-#include "core/QRVSession.h"
+#include "core/QRVSessionResource.h"
 
 #include <cmath>
 
@@ -22,8 +22,8 @@ Value::Map sessionMap(Value::Map extra = {}) {
   return m;
 }
 
-std::shared_ptr<QRVSession> sessionWith(Value::Map extra) {
-  return std::make_shared<QRVSession>(sessionMap(std::move(extra)));
+std::shared_ptr<QRVSessionResource> sessionWith(Value::Map extra) {
+  return std::make_shared<QRVSessionResource>(sessionMap(std::move(extra)));
 }
 
 // Writes what it is told into a log shared by all observers of a test.
@@ -38,8 +38,8 @@ class Observer : public QRVSessionObserver {
     if (onUpdate)
       onUpdate();
   }
-  void sessionDidUpdate(const std::shared_ptr<QRVSession>&,
-                        const std::shared_ptr<QRVSession>& previous) override {
+  void sessionDidUpdateFromPrevious(const std::shared_ptr<QRVSession>&,
+                                    const std::shared_ptr<QRVSession>& previous) override {
     log_.push_back(name_ + " from " + previous->state().value_or("-"));
   }
   std::function<void()> onUpdate;
@@ -282,14 +282,15 @@ TEST_F(QRVSessionTest, TokensUrlsAndMetricsReports) {
   EXPECT_EQ(token->size(), 36u);
   EXPECT_TRUE(std::none_of(token->begin(), token->end(), [](char c) { return std::islower(c); }));
   EXPECT_NE(sessionWith({})->sessionToken(), token) << "a fresh token per session";
-  EXPECT_EQ(std::make_shared<QRVSession>()->sessionToken(), std::nullopt);
+  EXPECT_EQ(std::make_shared<QRVSessionResource>()->sessionToken(), std::nullopt);
   session->setSessionToken("RESTORED");
   EXPECT_EQ(session->headers()["X-QuorviDeviceToken"], "RESTORED");
 
   EXPECT_EQ(session->url()->toString(), "https://api.example.com/api/1/sessions/S1");
-  EXPECT_EQ(std::make_shared<QRVSession>(Value::Map{{"code", "12 34/.."}})->url()->toString(),
-            "https://api.example.com/api/1/sessions/12%2034%2F..");
-  EXPECT_EQ(std::make_shared<QRVSession>()->url()->toString(),
+  EXPECT_EQ(
+      std::make_shared<QRVSessionResource>(Value::Map{{"code", "12 34/.."}})->url()->toString(),
+      "https://api.example.com/api/1/sessions/12%2034%2F..");
+  EXPECT_EQ(std::make_shared<QRVSessionResource>()->url()->toString(),
             "https://api.example.com/api/1/sessions");
   QRVRESTResource::setBaseUrl(saved);
 

@@ -18,10 +18,10 @@
 #include <openssl/x509v3.h>
 #include <pthread.h>
 
-#include "core/QRVURL.h"
 #include "quorvix/QRVURLSession.h"
 #include "quorvix/TLSConfiguration.h"
 #include "utils/Logging.h"
+#include "utils/QRVURL.h"
 #include "utils/Strings.h"
 
 namespace quorvix {

@@ -1,6 +1,7 @@
-// One co-browsing engagement as the service describes it. Holds the service's last answer for
-// the session, reads typed values from it, sends the device's changes as partial PUTs, and tells
-// its observers about every accepted update and, once, about the end. Main queue only.
+// The service's session resource behind the public QRVSession: holds the service's last answer
+// for the session, reads typed values from it, sends the device's changes as partial PUTs, and
+// tells its observers about every accepted update and, once, about the end. What a host must not
+// reach (addresses, the session token, selectors, the metrics object) stays here. Main queue only.
 #pragma once
 
 #include <functional>
@@ -12,56 +13,32 @@
 #include <vector>
 
 #include "capabilities/QRVCapabilities.h"
-#include "core/QRVAgent.h"
 #include "core/QRVRESTResource.h"
 #include "core/QRVSessionMetrics.h"
 #include "quorvix/Executor.h"
+#include "quorvix/QRVSession.h"
 #include "redaction/QRVSelector.h"
 
 namespace quorvix {
 
-class QRVSession;
-
-// Consent of the user to full-device sharing or remote control; the setters send these names.
-enum class QRVConsentState { off = 0, requested = 1, rejected = 2, on = 3 };
+// The wire name the setters send.
 const char* consentStateName(QRVConsentState state);
-
-enum class QRVEndedReason {
-  none = 0,
-  deviceEnded = 1,
-  agentEnded = 2,
-  pendingTimeout = 3,
-  authorizingTimeout = 4,
-  activeTimeout = 5,
-  limitEnforcement = 6,
-};
-
-class QRVSessionObserver {
- public:
-  virtual ~QRVSessionObserver() = default;
-  virtual void sessionDidEnd(const std::shared_ptr<QRVSession>& session) = 0;
-  virtual void sessionDidUpdate(const std::shared_ptr<QRVSession>&) {}
-  virtual void sessionDidUpdate(const std::shared_ptr<QRVSession>&,
-                                const std::shared_ptr<QRVSession>& /*previousSession*/) {}
-  virtual void sessionMetricsDidUpdate(const std::shared_ptr<QRVSession>&) {}
-};
 
 // A domain mapped to its selector texts.
 using QRVWebviewSelectors = std::map<std::string, std::vector<std::string>, std::less<>>;
 
-class QRVSession : public QRVRESTResource {
+class QRVSessionResource : public QRVRESTResource, public QRVSession {
  public:
-  using Callback =
-      std::function<void(std::optional<QRVError> error, std::shared_ptr<QRVSession> session)>;
+  using Callback = QRVSession::Callback;
 
   static constexpr const char* kSessionTokenHeader = "X-QuorviDeviceToken";
   static constexpr float kDefaultScale = 0.5f;
 
   // An empty session, without a session token. The executor runs the metrics reports (default:
   // the main queue).
-  explicit QRVSession(std::shared_ptr<Executor> executor = {});
+  explicit QRVSessionResource(std::shared_ptr<Executor> executor = {});
   // A session holding `resource` as it is (no validation, no notification) and a new token.
-  explicit QRVSession(Value::Map resource, std::shared_ptr<Executor> executor = {});
+  explicit QRVSessionResource(Value::Map resource, std::shared_ptr<Executor> executor = {});
 
   // "api/1/sessions/<id or code>", or "api/1/sessions" for nothing.
   static std::optional<QRVURL> url(const std::optional<std::string>& idOrCode);
@@ -75,43 +52,36 @@ class QRVSession : public QRVRESTResource {
   std::optional<QRVError> updateResource(const std::optional<Value>& value) override;
 
   void fetch(Callback callback);
-  // POSTs the current resource; the answer becomes the session.
+  // POSTs the current resource; the answer becomes the session. A failure gives no session.
   void create(Callback callback);
   // PUTs the body, with "capabilities" set to this session's own list.
   void update(Value::Map body, Callback callback);
   // Removes every observer, then clears the resource.
   void cleanup() override;
 
-  void registerSessionObserver(std::shared_ptr<QRVSessionObserver> observer);
-  void removeSessionObserver(const std::shared_ptr<QRVSessionObserver>& observer);
+  void registerSessionObserver(std::shared_ptr<QRVSessionObserver> observer) override;
+  void removeSessionObserver(const std::shared_ptr<QRVSessionObserver>& observer) override;
 
-  // The device's changes.
-  void activate(Callback callback);
-  void end(Callback callback);
-  void setFullDevice(QRVConsentState state, Callback callback);
-  void setRemoteControl(QRVConsentState state, Callback callback);
-  void setCustomData(Value::Map customData, Callback callback);
-  void setCapabilities(const std::vector<std::string>& capabilities, Callback callback);
+  void activate(Callback callback) override;
+  void end(Callback callback) override;
+  void setFullDevice(QRVConsentState state, Callback callback) override;
+  void setRemoteControl(QRVConsentState state, Callback callback) override;
+  void setCustomData(Value::Map customData, Callback callback) override;
+  void setCapabilities(const std::vector<std::string>& capabilities, Callback callback) override;
   // Replaces the capability set without telling the service.
   void setCapabilities(const std::vector<std::string>& capabilities);
 
-  // Typed values of the service's fields.
-  std::optional<std::string> sessionId() const;
-  std::optional<std::string> code() const;
-  std::optional<std::string> state() const;
-  bool isPending() const;
-  bool isAuthorizing() const;
-  bool isActive() const;
-  bool isEnded() const;
-  std::optional<QRVAgent> agent() const;
-  bool hasAgent() const;
-  bool requireConsent() const;
-  QRVConsentState fullDevice() const;
-  QRVConsentState remoteControl() const;
-  bool allowRemoteControl() const { return remoteControl() == QRVConsentState::on; }
-  Value::Map customData() const;
+  std::optional<std::string> sessionId() const override;
+  std::optional<std::string> code() const override;
+  std::optional<std::string> state() const override;
+  std::optional<QRVAgent> agent() const override;
+  bool hasAgent() const override;
+  bool requireConsent() const override;
+  QRVConsentState fullDevice() const override;
+  QRVConsentState remoteControl() const override;
+  Value::Map customData() const override;
   // The local set's names that are on, narrowed to the service's list when it sends one.
-  std::vector<std::string> capabilities() const;
+  std::vector<std::string> capabilities() const override;
   const std::optional<QRVCapabilities>& capabilitySet() const { return capabilities_; }
   std::optional<QRVCapabilities>& capabilitySet() { return capabilities_; }
   QRVSelectorSet redactedSelectors() const;
@@ -120,20 +90,22 @@ class QRVSession : public QRVRESTResource {
   std::vector<QRVWebviewSelectors> webviewUnredactedSelectors() const;
   const Value* videoCodecs() const { return field("video_codecs"); }
   // The service's scale in single precision, at most 1.0; 0.5 when it sends none.
-  double scale() const;
-  QRVEndedReason endedReason() const;
-  std::optional<WallTime> created() const;
-  std::optional<WallTime> expires() const;
-  std::optional<WallTime> activated() const;
-  std::optional<WallTime> updated() const;
-  std::optional<WallTime> ended() const;
+  double scale() const override;
+  QRVEndedReason endedReason() const override;
+  std::optional<WallTime> created() const override;
+  std::optional<WallTime> expires() const override;
+  std::optional<WallTime> activated() const override;
+  std::optional<WallTime> updated() const override;
+  std::optional<WallTime> ended() const override;
 
+  double latency() const override { return metrics_->latency(); }
+  std::optional<WallTime> lastAlive() const override { return metrics_->lastAlive(); }
   QRVSessionMetrics& metrics() { return *metrics_; }
 
   static QRVWebviewSelectors webviewSelectorFromMap(const Value::Map& map);
 
  private:
-  std::shared_ptr<QRVSession> self();
+  std::shared_ptr<QRVSessionResource> self();
   void send(Value::Map body, Callback callback);
   std::optional<WallTime> date(std::string_view key) const;
   QRVSelectorSet selectors(std::string_view key) const;

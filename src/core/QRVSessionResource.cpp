@@ -1,4 +1,4 @@
-#include "core/QRVSession.h"
+#include "core/QRVSessionResource.h"
 
 #include <cmath>
 #include <mutex>
@@ -89,17 +89,17 @@ const char* consentStateName(QRVConsentState state) {
   return "off";
 }
 
-struct QRVSession::WeakSelf {
+struct QRVSessionResource::WeakSelf {
   std::mutex mutex;
-  std::weak_ptr<QRVSession> session;
+  std::weak_ptr<QRVSessionResource> session;
 
-  std::shared_ptr<QRVSession> lock() {
+  std::shared_ptr<QRVSessionResource> lock() {
     std::lock_guard guard(mutex);
     return session.lock();
   }
 };
 
-QRVSession::QRVSession(std::shared_ptr<Executor> executor)
+QRVSessionResource::QRVSessionResource(std::shared_ptr<Executor> executor)
     : executor_(executor ? std::move(executor) : mainQueue()),
       weakSelf_(std::make_shared<WeakSelf>()),
       metrics_(std::make_unique<QRVSessionMetrics>(
@@ -113,36 +113,36 @@ QRVSession::QRVSession(std::shared_ptr<Executor> executor)
           },
           executor_)) {}
 
-QRVSession::QRVSession(Value::Map resource, std::shared_ptr<Executor> executor)
-    : QRVSession(std::move(executor)) {
+QRVSessionResource::QRVSessionResource(Value::Map resource, std::shared_ptr<Executor> executor)
+    : QRVSessionResource(std::move(executor)) {
   setResource(std::move(resource));
   setSessionToken(makeUUIDString());
 }
 
-std::shared_ptr<QRVSession> QRVSession::self() {
-  return std::static_pointer_cast<QRVSession>(shared_from_this());
+std::shared_ptr<QRVSessionResource> QRVSessionResource::self() {
+  return std::static_pointer_cast<QRVSessionResource>(shared_from_this());
 }
 
-std::optional<QRVURL> QRVSession::url(const std::optional<std::string>& idOrCode) {
+std::optional<QRVURL> QRVSessionResource::url(const std::optional<std::string>& idOrCode) {
   if (!idOrCode)
     return endpoint("api/1/sessions");
   return endpoint("api/1/sessions/" + pathSegment(*idOrCode));
 }
 
-std::optional<QRVURL> QRVSession::url() const {
+std::optional<QRVURL> QRVSessionResource::url() const {
   auto id = sessionId();
   return url(id ? id : code());
 }
 
-void QRVSession::setSessionToken(const std::string& token) {
+void QRVSessionResource::setSessionToken(const std::string& token) {
   setHeaders({{kSessionTokenHeader, token}});
 }
 
-std::optional<std::string> QRVSession::sessionToken() const {
+std::optional<std::string> QRVSessionResource::sessionToken() const {
   return instanceHeader(kSessionTokenHeader);
 }
 
-std::optional<QRVError> QRVSession::updateResource(const std::optional<Value>& value) {
+std::optional<QRVError> QRVSessionResource::updateResource(const std::optional<Value>& value) {
   const Value::Map* map = value ? value->asMap() : nullptr;
   if (!map)
     return QRVError("Expecting session to be a dictionary", 0);
@@ -154,13 +154,14 @@ std::optional<QRVError> QRVSession::updateResource(const std::optional<Value>& v
   if (!map->contains("state"))
     return QRVError("Expected session to have a state field", 0);
 
-  auto previous = std::make_shared<QRVSession>(resource(), executor_);
+  const std::shared_ptr<QRVSession> previous =
+      std::make_shared<QRVSessionResource>(resource(), executor_);
   setResource(*map);
-  auto me = self();
+  const std::shared_ptr<QRVSession> me = self();
   // A copy: observers may register or remove observers while being told.
   const auto observers = observers_;
   for (const auto& observer : observers) {
-    observer->sessionDidUpdate(me, previous);
+    observer->sessionDidUpdateFromPrevious(me, previous);
     observer->sessionDidUpdate(me);
   }
   if (!previous->isEnded() && isEnded())
@@ -169,33 +170,36 @@ std::optional<QRVError> QRVSession::updateResource(const std::optional<Value>& v
   return std::nullopt;
 }
 
-void QRVSession::send(Value::Map body, Callback callback) {
-  QRVRESTResource::update(std::move(body), [callback = std::move(callback)](
-                                               std::optional<QRVError> error,
-                                               std::shared_ptr<QRVRESTResource> resource) {
-    InvokeForSession(callback, std::move(error), std::static_pointer_cast<QRVSession>(resource));
-  });
+void QRVSessionResource::send(Value::Map body, Callback callback) {
+  QRVRESTResource::update(
+      std::move(body), [callback = std::move(callback)](std::optional<QRVError> error,
+                                                        std::shared_ptr<QRVRESTResource> resource) {
+        InvokeForSession(callback, std::move(error),
+                         std::static_pointer_cast<QRVSessionResource>(resource));
+      });
 }
 
-void QRVSession::fetch(Callback callback) {
-  QRVRESTResource::fetch([callback = std::move(callback)](
-                             std::optional<QRVError> error,
-                             std::shared_ptr<QRVRESTResource> resource) {
-    InvokeForSession(callback, std::move(error), std::static_pointer_cast<QRVSession>(resource));
-  });
+void QRVSessionResource::fetch(Callback callback) {
+  QRVRESTResource::fetch(
+      [callback = std::move(callback)](std::optional<QRVError> error,
+                                       std::shared_ptr<QRVRESTResource> resource) {
+        InvokeForSession(callback, std::move(error),
+                         std::static_pointer_cast<QRVSessionResource>(resource));
+      });
 }
 
-void QRVSession::create(Callback callback) {
+void QRVSessionResource::create(Callback callback) {
   QRVRESTResource::create(
       resource(), [callback = std::move(callback)](std::optional<QRVError> error,
                                                    std::shared_ptr<QRVRESTResource> resource) {
         if (error)
           return InvokeForSession(callback, std::move(error), nullptr);
-        InvokeForSession(callback, std::nullopt, std::static_pointer_cast<QRVSession>(resource));
+        InvokeForSession(callback, std::nullopt,
+                         std::static_pointer_cast<QRVSessionResource>(resource));
       });
 }
 
-void QRVSession::update(Value::Map body, Callback callback) {
+void QRVSessionResource::update(Value::Map body, Callback callback) {
   Value::Array names;
   if (capabilities_)
     for (auto& name : capabilities_->toArray())
@@ -204,37 +208,38 @@ void QRVSession::update(Value::Map body, Callback callback) {
   send(std::move(body), std::move(callback));
 }
 
-void QRVSession::cleanup() {
+void QRVSessionResource::cleanup() {
   observers_.clear();
   QRVRESTResource::cleanup();
 }
 
-void QRVSession::registerSessionObserver(std::shared_ptr<QRVSessionObserver> observer) {
+void QRVSessionResource::registerSessionObserver(std::shared_ptr<QRVSessionObserver> observer) {
   if (!observer)
     return;
   observers_.insert(std::move(observer));
   if (auto me = weak_from_this().lock()) {
     std::lock_guard guard(weakSelf_->mutex);
-    weakSelf_->session = std::static_pointer_cast<QRVSession>(me);
+    weakSelf_->session = std::static_pointer_cast<QRVSessionResource>(me);
   }
 }
 
-void QRVSession::removeSessionObserver(const std::shared_ptr<QRVSessionObserver>& observer) {
+void QRVSessionResource::removeSessionObserver(
+    const std::shared_ptr<QRVSessionObserver>& observer) {
   observers_.erase(observer);
 }
 
-void QRVSession::activate(Callback callback) {
+void QRVSessionResource::activate(Callback callback) {
   update(Value::Map{{"state", "active"},
                     {"device", QRVDeviceInfo::info()},
                     {"custom_data", QRVDevice::instance()->customData()}},
          std::move(callback));
 }
 
-void QRVSession::end(Callback callback) {
+void QRVSessionResource::end(Callback callback) {
   update(Value::Map{{"state", "ended"}}, std::move(callback));
 }
 
-void QRVSession::setFullDevice(QRVConsentState state, Callback callback) {
+void QRVSessionResource::setFullDevice(QRVConsentState state, Callback callback) {
   if (state == fullDevice())
     return InvokeForSession(callback, std::nullopt, self());
   // Everything an agent needs to work on the shared screen, whatever the answer; they stay on
@@ -246,76 +251,61 @@ void QRVSession::setFullDevice(QRVConsentState state, Callback callback) {
   update(Value::Map{{"full_device", consentStateName(state)}}, std::move(callback));
 }
 
-void QRVSession::setRemoteControl(QRVConsentState state, Callback callback) {
+void QRVSessionResource::setRemoteControl(QRVConsentState state, Callback callback) {
   if (state == remoteControl())
     return InvokeForSession(callback, std::nullopt, self());
   update(Value::Map{{"remote_control", consentStateName(state)}}, std::move(callback));
 }
 
-void QRVSession::setCustomData(Value::Map customData, Callback callback) {
+void QRVSessionResource::setCustomData(Value::Map customData, Callback callback) {
   if (isEnded())
     return InvokeForSession(callback, QRVError("Session ended", 400), self());
   update(Value::Map{{"custom_data", std::move(customData)}}, std::move(callback));
 }
 
-void QRVSession::setCapabilities(const std::vector<std::string>& capabilities, Callback callback) {
+void QRVSessionResource::setCapabilities(const std::vector<std::string>& capabilities,
+                                         Callback callback) {
   setCapabilities(capabilities);
   update(Value::Map{}, std::move(callback));
 }
 
-void QRVSession::setCapabilities(const std::vector<std::string>& capabilities) {
+void QRVSessionResource::setCapabilities(const std::vector<std::string>& capabilities) {
   capabilities_ = QRVCapabilities(capabilities);
 }
 
-std::optional<std::string> QRVSession::sessionId() const {
+std::optional<std::string> QRVSessionResource::sessionId() const {
   return stringField("id");
 }
 
-std::optional<std::string> QRVSession::code() const {
+std::optional<std::string> QRVSessionResource::code() const {
   return stringField("code");
 }
 
-std::optional<std::string> QRVSession::state() const {
+std::optional<std::string> QRVSessionResource::state() const {
   return stringField("state");
 }
 
-bool QRVSession::isPending() const {
-  return state() == "pending";
-}
-
-bool QRVSession::isAuthorizing() const {
-  return state() == "authorizing";
-}
-
-bool QRVSession::isActive() const {
-  return state() == "active";
-}
-
-bool QRVSession::isEnded() const {
-  return state() == "ended";
-}
-
-std::optional<QRVAgent> QRVSession::agent() const {
+std::optional<QRVAgent> QRVSessionResource::agent() const {
   return QRVAgent::from(field("agent"));
 }
 
-bool QRVSession::hasAgent() const {
+bool QRVSessionResource::hasAgent() const {
   return field("agent") != nullptr;
 }
 
-bool QRVSession::requireConsent() const {
+bool QRVSessionResource::requireConsent() const {
   return truthValue(field("require_consent"));
 }
 
-QRVConsentState QRVSession::fullDevice() const {
+QRVConsentState QRVSessionResource::fullDevice() const {
   return consentState(field("full_device"), true);
 }
 
-QRVConsentState QRVSession::remoteControl() const {
+QRVConsentState QRVSessionResource::remoteControl() const {
   return consentState(field("remote_control"), false);
 }
 
-Value::Map QRVSession::customData() const {
+Value::Map QRVSessionResource::customData() const {
   Value::Map out;
   const Value* data = field("custom_data");
   if (const Value::Map* map = data ? data->asMap() : nullptr)
@@ -324,7 +314,7 @@ Value::Map QRVSession::customData() const {
   return out;
 }
 
-std::vector<std::string> QRVSession::capabilities() const {
+std::vector<std::string> QRVSessionResource::capabilities() const {
   std::vector<std::string> names;
   if (capabilities_)
     names = capabilities_->toArray();
@@ -339,7 +329,7 @@ std::vector<std::string> QRVSession::capabilities() const {
   return names;
 }
 
-QRVSelectorSet QRVSession::selectors(std::string_view key) const {
+QRVSelectorSet QRVSessionResource::selectors(std::string_view key) const {
   QRVSelectorSet out;
   const Value* field = this->field(key);
   const Value::Array* list = field ? field->asArray() : nullptr;
@@ -357,15 +347,15 @@ QRVSelectorSet QRVSession::selectors(std::string_view key) const {
   return out;
 }
 
-QRVSelectorSet QRVSession::redactedSelectors() const {
+QRVSelectorSet QRVSessionResource::redactedSelectors() const {
   return selectors("redaction_selectors");
 }
 
-QRVSelectorSet QRVSession::unredactedSelectors() const {
+QRVSelectorSet QRVSessionResource::unredactedSelectors() const {
   return selectors("unredaction_selectors");
 }
 
-QRVWebviewSelectors QRVSession::webviewSelectorFromMap(const Value::Map& map) {
+QRVWebviewSelectors QRVSessionResource::webviewSelectorFromMap(const Value::Map& map) {
   QRVWebviewSelectors out;
   for (const auto& [domain, value] : map) {
     const Value::Array* list = value.asArray();
@@ -379,7 +369,7 @@ QRVWebviewSelectors QRVSession::webviewSelectorFromMap(const Value::Map& map) {
   return out;
 }
 
-std::vector<QRVWebviewSelectors> QRVSession::webviewSelectors(std::string_view key) const {
+std::vector<QRVWebviewSelectors> QRVSessionResource::webviewSelectors(std::string_view key) const {
   std::vector<QRVWebviewSelectors> out;
   const Value* field = this->field(key);
   const Value::Array* list = field ? field->asArray() : nullptr;
@@ -391,15 +381,15 @@ std::vector<QRVWebviewSelectors> QRVSession::webviewSelectors(std::string_view k
   return out;
 }
 
-std::vector<QRVWebviewSelectors> QRVSession::webviewRedactedSelectors() const {
+std::vector<QRVWebviewSelectors> QRVSessionResource::webviewRedactedSelectors() const {
   return webviewSelectors("webview_redaction_selectors");
 }
 
-std::vector<QRVWebviewSelectors> QRVSession::webviewUnredactedSelectors() const {
+std::vector<QRVWebviewSelectors> QRVSessionResource::webviewUnredactedSelectors() const {
   return webviewSelectors("webview_unredaction_selectors");
 }
 
-double QRVSession::scale() const {
+double QRVSessionResource::scale() const {
   const Value* v = field("scale");
   std::optional<double> number = v ? v->toDouble() : std::nullopt;
   if (!number || std::isnan(*number))
@@ -408,7 +398,7 @@ double QRVSession::scale() const {
   return scale >= 1.0f ? 1.0 : static_cast<double>(scale);
 }
 
-QRVEndedReason QRVSession::endedReason() const {
+QRVEndedReason QRVSessionResource::endedReason() const {
   static const std::pair<const char*, QRVEndedReason> kReasons[] = {
       {"device_ended", QRVEndedReason::deviceEnded},
       {"agent_ended", QRVEndedReason::agentEnded},
@@ -425,28 +415,28 @@ QRVEndedReason QRVSession::endedReason() const {
   return QRVEndedReason::none;
 }
 
-std::optional<WallTime> QRVSession::date(std::string_view key) const {
+std::optional<WallTime> QRVSessionResource::date(std::string_view key) const {
   auto value = stringField(key);
   return value ? parseISO8601FractionalDate(*value) : std::nullopt;
 }
 
-std::optional<WallTime> QRVSession::created() const {
+std::optional<WallTime> QRVSessionResource::created() const {
   return date("created");
 }
 
-std::optional<WallTime> QRVSession::expires() const {
+std::optional<WallTime> QRVSessionResource::expires() const {
   return date("expires");
 }
 
-std::optional<WallTime> QRVSession::activated() const {
+std::optional<WallTime> QRVSessionResource::activated() const {
   return date("activated");
 }
 
-std::optional<WallTime> QRVSession::updated() const {
+std::optional<WallTime> QRVSessionResource::updated() const {
   return date("updated");
 }
 
-std::optional<WallTime> QRVSession::ended() const {
+std::optional<WallTime> QRVSessionResource::ended() const {
   return date("ended");
 }
 

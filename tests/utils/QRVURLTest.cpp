@@ -1,4 +1,4 @@
-#include "core/QRVURL.h"
+#include "utils/QRVURL.h"
 
 #include <gtest/gtest.h>
 

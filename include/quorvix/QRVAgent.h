@@ -1,4 +1,4 @@
-// The support agent admitted to a session.
+// The support agent admitted to a session. A plain value: any thread may copy and read it.
 #pragma once
 
 #include <optional>
