@@ -351,5 +351,13 @@ TEST(CBORDecoderTest, DoesNotReserveWhatNestedCountsOnlyClaim) {
   EXPECT_FALSE(CBORDecoder(bytes).decodeItem());
 }
 
+// A writer made with the default options keeps them: they outlive the temporary they came from.
+TEST(CBORWriterTest, KeepsItsDefaultOptions) {
+  std::vector<std::uint8_t> out;
+  CBORWriter writer(out);
+  writer.date(Date{1.0});
+  EXPECT_EQ(test::toHex(out), "c101");
+}
+
 }  // namespace
 }  // namespace quorvix

@@ -57,19 +57,19 @@ TEST_F(QRVRESTResourceTest, OperationsSendMergedHeadersAndMergeAnswers) {
   auto thing = std::make_shared<Thing>();
   thing->setHeaders({{"X-Shared", "instance"}, {"X-Token", "t"}});
 
-  Recorder fetched = run([&](Recorder& r) { thing->fetch(r.callback()); });
+  Recorder fetched = run([&](Recorder& r) { thing->fetch(r.once()); });
   EXPECT_FALSE(fetched.arg<0>());
   EXPECT_EQ(fetched.arg<1>(), thing) << "the completion receives the resource itself";
   EXPECT_EQ(*thing->field("seen"), Value("GET"));
 
-  run([&](Recorder& r) { thing->create(Value::Map{{"a", 1}}, r.callback()); });
+  run([&](Recorder& r) { thing->create(Value::Map{{"a", 1}}, r.once()); });
   EXPECT_EQ(*thing->field("seen"), Value("POST"));
-  run([&](Recorder& r) { thing->update(Value::Map{{"b", 2}}, r.callback()); });
+  run([&](Recorder& r) { thing->update(Value::Map{{"b", 2}}, r.once()); });
   EXPECT_EQ(*thing->field("seen"), Value("PUT"));
 
   // A 204 reaches updateResource with nothing, which this resource refuses; the error is
   // reported and the resource is left as it was.
-  Recorder deleted = run([&](Recorder& r) { thing->deleteResource(r.callback()); });
+  Recorder deleted = run([&](Recorder& r) { thing->deleteResource(r.once()); });
   ASSERT_TRUE(deleted.arg<0>());
   EXPECT_EQ(deleted.arg<0>()->message(), "Missing id");
   EXPECT_EQ(deleted.arg<0>()->code(), 0);
@@ -96,7 +96,7 @@ TEST_F(QRVRESTResourceTest, ErrorsLeaveTheResourceUntouched) {
   });
   QRVRESTResource::setBaseUrl(server.url("/"));
   auto thing = std::make_shared<Thing>();
-  Recorder rec = run([&](Recorder& r) { thing->fetch(r.callback()); });
+  Recorder rec = run([&](Recorder& r) { thing->fetch(r.once()); });
   ASSERT_TRUE(rec.arg<0>());
   EXPECT_EQ(rec.arg<0>()->code(), 403);
   EXPECT_EQ(rec.arg<0>()->message(), "Forbidden");

@@ -28,7 +28,7 @@ class QRVRequestTest : public ::testing::Test {
   // Sends one request and waits (bounded) for its completion; then checks it stays at one call.
   Recorder send(const std::string& url, QRVRequestOptions options = {}) {
     Recorder rec;
-    QRVRequest::request(QRVURL::parse(url), options, rec.callback());
+    QRVRequest::request(QRVURL::parse(url), options, rec.once());
     EXPECT_EQ(rec.calls(), 0) << "completion must never run inline";
     EXPECT_TRUE(main_->runUntil([&] { return rec.called(); }));
     main_->advanceSeconds(1);

@@ -28,7 +28,7 @@ class QRVSessionRequestsTest : public ::testing::Test {
 
   Recorder run(const std::function<void(QRVSession::Callback)>& start) {
     Recorder rec;
-    start(rec.callback());
+    start(rec.once());
     EXPECT_TRUE(main->runUntil([&] { return rec.called(); }));
     EXPECT_EQ(rec.calls(), 1);
     return rec;

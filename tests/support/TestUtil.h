@@ -31,6 +31,9 @@ class CallRecorder {
       last_.emplace(std::move(args)...);
     };
   }
+  // The same, insisting on exactly one call (see expectCalledOnce).
+  std::function<void(Args...)> once(const char* file = __builtin_FILE(),
+                                    int line = __builtin_LINE());
   int calls() const { return calls_; }
   bool called() const { return calls_ > 0; }
   // The arguments of the last call; throws (failing the test) if there was none.
@@ -74,6 +77,11 @@ template <typename... Args>
 std::function<void(Args...)> expectNeverCalled(const char* file = __builtin_FILE(),
                                                int line = __builtin_LINE()) {
   return [file, line](Args...) { ADD_FAILURE_AT(file, line) << "completion called"; };
+}
+
+template <typename... Args>
+std::function<void(Args...)> CallRecorder<Args...>::once(const char* file, int line) {
+  return expectCalledOnce(callback(), file, line);
 }
 
 }  // namespace quorvix::test

@@ -54,7 +54,10 @@ struct Client {
   explicit Client(const std::string& extensions) {
     client = StarscreamWebSocket::create(
         QRVSocketRequest{*QRVURL::parse("ws://127.0.0.1:9/"), {}, std::chrono::seconds(10)}, {},
-        [this] { return stream; });
+        [this] {
+          streams.push_back(std::make_shared<ScriptedStream>());
+          return stream = streams.back();
+        });
     client->callbackQueue = main.get();
     client->connect();
     stream->accept(extensions);
@@ -62,7 +65,8 @@ struct Client {
   }
 
   test::ScopedManualMainQueue main;
-  std::shared_ptr<ScriptedStream> stream = std::make_shared<ScriptedStream>();
+  std::vector<std::shared_ptr<ScriptedStream>> streams;
+  std::shared_ptr<ScriptedStream> stream;
   std::shared_ptr<StarscreamWebSocket> client;
 };
 
@@ -105,6 +109,23 @@ TEST(StarscreamWebSocketTest, ReleasedClientFinishesItsCloseHandshake) {
   silent.main->advanceSeconds(0.2);
   EXPECT_TRUE(quiet->closed);
   EXPECT_TRUE(quiet->delegate.expired());
+}
+
+// A forced close that falls due after the client has connected again ends nothing new.
+TEST(StarscreamWebSocketTest, AForcedCloseEndsOnlyTheConnectionItWasFor) {
+  Client c("permessage-deflate");
+  c.client->disconnect(seconds(1.0));
+  const std::vector<std::uint8_t> serverClose{0x88, 0x02, 0x03, 0xe8};
+  c.stream->delegate.lock()->streamDidReceive(serverClose);
+  c.main->runUntilIdle();
+  ASSERT_FALSE(c.client->isConnected());
+  ASSERT_TRUE(c.client->connect());
+  c.stream->accept("permessage-deflate");
+  c.main->runUntilIdle();
+  ASSERT_TRUE(c.client->isConnected());
+  c.main->advanceSeconds(1.0);
+  EXPECT_TRUE(c.client->isConnected());
+  EXPECT_FALSE(c.streams.back()->closed);
 }
 
 }  // namespace

@@ -288,6 +288,28 @@ INSTANTIATE_TEST_SUITE_P(Transports,
                                            WebsocketMethod::starscream),
                          name);
 
+// Frames are written from the encoder's thread while the main queue reconnects.
+TEST(BeastSocketTest, TakesWritesFromAnotherThreadWhileItReconnects) {
+  test::ScopedManualMainQueue main;
+  WsTestServer server(WsServerOptions{.mode = WsServerOptions::Mode::sink});
+  auto recorder = std::make_shared<Recorder>();
+  BeastSocket transport(
+      QRVSocketRequest{*QRVURL::parse(server.url()), {}, std::chrono::seconds(10)}, nullptr);
+  transport.setDelegate(recorder);
+  std::atomic<bool> done{false};
+  std::thread encoder([&] {
+    for (int n = 0; n < 200000 && !done; ++n) {
+      transport.write(pattern(100));
+      std::this_thread::yield();
+    }
+  });
+  for (int i = 0; i < 20; ++i)
+    transport.connect();
+  ASSERT_TRUE(main->runUntil([&] { return server.messagesReceived() > 0; }));
+  done = true;
+  encoder.join();
+}
+
 TEST(BeastSocketTest, AfterATextMessageNothingIsDeliveredButPingsStillWork) {
   test::ScopedManualMainQueue main;
   WsTestServer server;
