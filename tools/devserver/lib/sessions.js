@@ -235,8 +235,9 @@ function parseCapabilities(value) {
   return value.filter((v) => kCapabilities.includes(v));
 }
 
-// What the device reads: the session resource with its socket addresses and tokens.
-export function deviceView(session, base) {
+// The fields both sides read, with "agent" and the dates only once they exist: the library
+// counts a present "agent" as having one.
+function commonView(session, fields) {
   const view = {
     type: 'Session',
     id: session.id,
@@ -249,20 +250,26 @@ export function deviceView(session, base) {
     video_codecs: session.video_codecs,
     scale: session.scale,
     custom_data: session.custom_data,
-    redaction_selectors: [],
-    unredaction_selectors: [],
     created: session.created,
     updated: session.updated,
-    control_url: `${base}rt/sessions/${session.id}/control/`,
-    control_token: session.control_token,
-    stream_url: `${base}rt/sessions/${session.id}/stream/`,
-    stream_token: session.stream_token,
+    ...fields,
   };
-  // Absent rather than null: the library counts a present "agent" as having one.
   if (session.agent) view.agent = session.agent;
   for (const field of ['expires', 'activated', 'ended', 'ended_reason'])
     if (session[field]) view[field] = session[field];
   return view;
+}
+
+// What the device reads: the session resource with its socket addresses and tokens.
+export function deviceView(session, base) {
+  return commonView(session, {
+    redaction_selectors: [],
+    unredaction_selectors: [],
+    control_url: `${base}rt/sessions/${session.id}/control/`,
+    control_token: session.control_token,
+    stream_url: `${base}rt/sessions/${session.id}/stream/`,
+    stream_token: session.stream_token,
+  });
 }
 
 // What the agent reads: no socket tokens, but the device's details and the effective
@@ -271,27 +278,11 @@ export function agentView(session, extra = {}) {
   const effective = session.device_capabilities
     ? session.capabilities.filter((c) => session.device_capabilities.includes(c))
     : session.capabilities;
-  const view = {
-    type: 'Session',
-    id: session.id,
-    code: session.code,
-    state: session.state,
-    require_consent: session.require_consent,
-    full_device: session.full_device,
-    remote_control: session.remote_control,
+  return commonView(session, {
     capabilities: effective,
-    video_codecs: session.video_codecs,
-    scale: session.scale,
-    custom_data: session.custom_data,
     device: session.device,
     device_id: session.device_id,
-    created: session.created,
-    updated: session.updated,
     revision: session.revision,
     ...extra,
-  };
-  if (session.agent) view.agent = session.agent;
-  for (const field of ['expires', 'activated', 'ended', 'ended_reason'])
-    if (session[field]) view[field] = session[field];
-  return view;
+  });
 }
