@@ -2,9 +2,9 @@
 
 #include <mutex>
 
-#include "utils/UTF8.h"
 #include "quorvix/QRVBundle.h"
 #include "utils/Logging.h"
+#include "utils/UTF8.h"
 
 namespace quorvix {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <openssl/rand.h>
 
-#include "utils/UTF8.h"
 #include "utils/Logging.h"
+#include "utils/UTF8.h"
 #include "web-socket/WSCompression.h"
 #include "web-socket/WSHandshake.h"
 
