@@ -335,13 +335,13 @@ void CBORSocket::pongDeadlinePassed() {
     current = socket_;
     generation = generation_;
   }
-  if (current)
+  if (current) {
     current->disconnect();
-  // The platform transport has reported its end by now; the library's own client reports only
-  // once the close handshake is over. The connection is given up either way, so its end is
-  // handled here, and its later report is dropped as a repeat.
-  if (current)
+    // The platform transport has reported its end by now; the library's own client reports only
+    // once the close handshake is over. The connection is given up either way, so its end is
+    // handled here, and its later report is dropped as a repeat.
     transportDidDisconnect(generation, std::nullopt);
+  }
   reconnect();
 }
 

@@ -216,11 +216,15 @@ struct StarscreamWebSocket::Connection final : WSStreamDelegate,
       if (!isValidUTF8(data))
         return fail(WSError{WSError::ErrorType::protocolError, "invalid UTF-8 in a text message",
                             closeCode::invalidPayload});
-      o->post([text = std::string(data.begin(), data.end())](StarscreamWebSocket& s) {
+      didQueue(data.size());
+      o->post([weak = weak_from_this(),
+               text = std::string(data.begin(), data.end())](StarscreamWebSocket& s) {
         if (s.onText)
           s.onText(text);
         if (auto d = s.delegate.lock())
           d->websocketDidReceiveMessage(s, text);
+        if (auto c = weak.lock())
+          c->stream->post([c, size = text.size()] { c->didDeliver(size); });
       });
     } else {
       didQueue(data.size());
