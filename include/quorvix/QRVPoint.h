@@ -1,5 +1,5 @@
-// A position as fractions (0 to 1) of the shared screen's width and height, origin at the top
-// left, or a difference of two such positions.
+// A point, or the difference of two. The agent's positions are fractions (0 to 1) of the shared
+// screen's width and height, origin at the top left.
 #pragma once
 
 namespace quorvix {

@@ -8,6 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "quorvix/QRVPoint.h"
 #include "quorvix/Value.h"
 
 namespace quorvix {
@@ -23,9 +24,6 @@ class QRVSelectableViewProperties {
   virtual void setAttributes(Value::Map attributes) = 0;
 };
 
-struct QRVPoint {
-  double x = 0, y = 0;
-};
 struct QRVSize {
   double width = 0, height = 0;
 };
