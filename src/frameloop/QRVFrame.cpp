@@ -1,0 +1,153 @@
+#include "frameloop/QRVFrame.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include <libyuv/convert_argb.h>
+#include <libyuv/convert_from_argb.h>
+#include <libyuv/scale_argb.h>
+
+#include "utils/Signpost.h"
+
+namespace quorvix {
+namespace {
+
+// Bounds a picture so that every byte count and stride below fits an int, as libyuv takes them.
+constexpr std::int64_t kMaxPixels = std::numeric_limits<int>::max() / QRVImage::kBytesPerPixel;
+
+bool isPossibleSize(int width, int height) {
+  return width > 0 && height > 0 && std::int64_t(width) * height <= kMaxPixels;
+}
+
+// libyuv names pixel layouts by their 32-bit word read little-endian: B, G, R, X in memory is its
+// "ARGB".
+std::shared_ptr<const QRVPixelBuffer> toPixelBuffer(const QRVImage& image) {
+  SignpostInterval signpost("newCVImageBufferFromCGImage");
+  const int w = image.width();
+  const int h = image.height();
+  std::vector<std::uint8_t> planes(QRVPixelBuffer::byteCount(w, h));
+  const int strideUV = (w + 1) / 2;
+  std::uint8_t* y = planes.data();
+  std::uint8_t* u = y + std::size_t(w) * h;
+  std::uint8_t* v = u + std::size_t(strideUV) * ((h + 1) / 2);
+  if (libyuv::ARGBToI420(image.bytes().data(), image.stride(), y, w, u, strideUV, v, strideUV, w,
+                         h) != 0)
+    return nullptr;
+  return QRVPixelBuffer::create(w, h, std::move(planes));
+}
+
+std::shared_ptr<const QRVImage> toImage(const QRVPixelBuffer& buffer) {
+  const int w = buffer.width();
+  const int h = buffer.height();
+  std::vector<std::uint8_t> bgrx(std::size_t(w) * h * QRVImage::kBytesPerPixel);
+  if (libyuv::I420ToARGB(buffer.dataY(), buffer.strideY(), buffer.dataU(), buffer.strideUV(),
+                         buffer.dataV(), buffer.strideUV(), bgrx.data(),
+                         w * QRVImage::kBytesPerPixel, w, h) != 0)
+    return nullptr;
+  return QRVImage::create(w, h, std::move(bgrx));
+}
+
+}  // namespace
+
+std::shared_ptr<const QRVImage> QRVImage::create(int width,
+                                                 int height,
+                                                 std::vector<std::uint8_t> bgrx) {
+  if (!isPossibleSize(width, height) || bgrx.size() != std::size_t(width) * height * kBytesPerPixel)
+    return nullptr;
+  return std::shared_ptr<const QRVImage>(new QRVImage(width, height, std::move(bgrx)));
+}
+
+std::size_t QRVPixelBuffer::byteCount(int width, int height) {
+  if (!isPossibleSize(width, height))
+    return 0;
+  const std::size_t chroma = std::size_t((width + 1) / 2) * ((height + 1) / 2);
+  return std::size_t(width) * height + 2 * chroma;
+}
+
+std::shared_ptr<const QRVPixelBuffer> QRVPixelBuffer::create(int width,
+                                                             int height,
+                                                             std::vector<std::uint8_t> planes) {
+  const std::size_t expected = byteCount(width, height);
+  if (expected == 0 || planes.size() != expected)
+    return nullptr;
+  return std::shared_ptr<const QRVPixelBuffer>(
+      new QRVPixelBuffer(width, height, std::move(planes)));
+}
+
+QRVFrame::QRVFrame(std::shared_ptr<const QRVImage> image)
+    : width_(image ? image->width() : 0),
+      height_(image ? image->height() : 0),
+      image_(std::move(image)) {}
+
+QRVFrame::QRVFrame(std::shared_ptr<const QRVPixelBuffer> pixelBuffer)
+    : width_(pixelBuffer ? pixelBuffer->width() : 0),
+      height_(pixelBuffer ? pixelBuffer->height() : 0),
+      pixelBuffer_(std::move(pixelBuffer)) {}
+
+std::shared_ptr<const QRVImage> QRVFrame::image() const {
+  std::lock_guard lock(formsMutex_);
+  if (!image_ && pixelBuffer_)
+    image_ = toImage(*pixelBuffer_);
+  return image_;
+}
+
+std::shared_ptr<const QRVPixelBuffer> QRVFrame::pixelBuffer() const {
+  std::lock_guard lock(formsMutex_);
+  if (!pixelBuffer_ && image_)
+    pixelBuffer_ = toPixelBuffer(*image_);
+  return pixelBuffer_;
+}
+
+QRVFrame::Forms QRVFrame::currentForms() const {
+  std::lock_guard lock(formsMutex_);
+  return {image_, pixelBuffer_};
+}
+
+bool QRVFrame::sameAs(const QRVFrame& other) const {
+  const Forms mine = currentForms();
+  const Forms theirs = other.currentForms();
+  if (mine.pixelBuffer && mine.pixelBuffer == theirs.pixelBuffer)
+    return true;
+  if (mine.image && mine.image == theirs.image)
+    return true;
+  if (width_ != other.width_ || height_ != other.height_)
+    return false;
+  if (mine.image && theirs.image)
+    return std::ranges::equal(mine.image->bytes(), theirs.image->bytes());
+  const auto a = pixelBuffer();
+  const auto b = other.pixelBuffer();
+  if (!a || !b)
+    return false;
+  return std::ranges::equal(a->bytes(), b->bytes());
+}
+
+std::shared_ptr<QRVFrame> QRVFrame::scale(double factor) const {
+  const double w = width_ * factor;
+  const double h = height_ * factor;
+  const auto source = image();
+  // Checked as doubles first: truncating a value outside int's range is undefined.
+  if (!source || !std::isfinite(w) || !std::isfinite(h) || w < 1 || h < 1 || w > kMaxPixels ||
+      h > kMaxPixels || !isPossibleSize(int(w), int(h)))
+    return std::make_shared<QRVFrame>(std::shared_ptr<const QRVImage>());
+  const int newWidth = int(w);
+  const int newHeight = int(h);
+  std::vector<std::uint8_t> bgrx(std::size_t(newWidth) * newHeight * QRVImage::kBytesPerPixel);
+  if (libyuv::ARGBScale(source->bytes().data(), source->stride(), width_, height_, bgrx.data(),
+                        newWidth * QRVImage::kBytesPerPixel, newWidth, newHeight,
+                        libyuv::kFilterBox) != 0)
+    return std::make_shared<QRVFrame>(std::shared_ptr<const QRVImage>());
+  return std::make_shared<QRVFrame>(QRVImage::create(newWidth, newHeight, std::move(bgrx)));
+}
+
+QRVSampleTiming QRVFrame::timing() const {
+  std::lock_guard lock(timingMutex_);
+  return timing_;
+}
+
+void QRVFrame::setTiming(const QRVSampleTiming& timing) {
+  std::lock_guard lock(timingMutex_);
+  timing_ = timing;
+}
+
+}  // namespace quorvix
