@@ -81,7 +81,6 @@ class QRVXTestRemoteControl final : public QRVRemoteControl {
   std::optional<QRVTouchEvent> touchDownSecondLastEvent_, touchUpSecondLastEvent_;
   const QRVKeyCodeMap& keyCodeMap_ = QRVKeyCodeMap::shared();
   std::set<std::string> keysPressed_;
-  bool nudged_ = false;
 };
 
 }  // namespace quorvix
