@@ -1,6 +1,7 @@
 #include "remote-control/EventFields.h"
 
 #include <charconv>
+#include <cmath>
 #include <limits>
 
 #include "utils/ISO8601.h"
@@ -56,6 +57,18 @@ std::int64_t integerValue(const Value& value) {
     return n;
   }
   return 0;
+}
+
+std::optional<PointerFields> pointerFields(const Value::Map& map) {
+  auto id = text(map, "id");
+  auto state = text(map, "state");
+  auto time = map.find("timestamp");
+  if (!id || !state || time == map.end())
+    return std::nullopt;
+  PointerFields fields{std::move(*id), std::move(*state), timestamp(time->second), position(map)};
+  if (std::isnan(fields.position.x) || std::isnan(fields.position.y))
+    return std::nullopt;
+  return fields;
 }
 
 double secondsBetween(const std::optional<WallTime>& later,

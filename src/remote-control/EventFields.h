@@ -11,6 +11,17 @@
 
 namespace quorvix::events {
 
+// What mouse and touch events share: "id" and "state", a "timestamp" that must be there (a text
+// that does not parse leaves the time unknown) and the position. Nothing when a field is
+// missing or the position is NaN.
+struct PointerFields {
+  std::string id;
+  std::string state;
+  std::optional<WallTime> timestamp;
+  QRVPoint position;
+};
+std::optional<PointerFields> pointerFields(const Value::Map& map);
+
 // The map of a decoded message whose "type" is exactly `type`.
 const Value::Map* typed(const Value& value, std::string_view type);
 // Text, or a number in its decimal form (identifiers some agents send as numbers).

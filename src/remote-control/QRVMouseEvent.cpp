@@ -1,7 +1,5 @@
 #include "quorvix/QRVMouseEvent.h"
 
-#include <cmath>
-
 #include "remote-control/EventFields.h"
 
 namespace quorvix {
@@ -12,25 +10,16 @@ std::optional<QRVMouseEvent> QRVMouseEvent::from(const Value& value) {
 }
 
 std::optional<QRVMouseEvent> QRVMouseEvent::fromDictionary(const Value::Map& dictionary) {
-  QRVMouseEvent event;
-  auto id = events::text(dictionary, "id");
-  auto state = events::text(dictionary, "state");
-  if (!id || !state)
-    return std::nullopt;
-  event.id_ = std::move(*id);
-  event.state_ = std::move(*state);
-  auto time = dictionary.find("timestamp");
-  if (time == dictionary.end())
-    return std::nullopt;
-  // A time stamp in another form leaves the time unknown but keeps the event.
-  event.timestamp_ = events::timestamp(time->second);
-  event.position_ = events::position(dictionary);
+  auto fields = events::pointerFields(dictionary);
   auto button = dictionary.find("button");
-  if (button == dictionary.end())
+  if (!fields || button == dictionary.end())
     return std::nullopt;
+  QRVMouseEvent event;
+  event.id_ = std::move(fields->id);
+  event.state_ = std::move(fields->state);
+  event.timestamp_ = fields->timestamp;
+  event.position_ = fields->position;
   event.button_ = button->second;
-  if (std::isnan(event.position_.x) || std::isnan(event.position_.y))
-    return std::nullopt;
   return event;
 }
 

@@ -12,20 +12,14 @@ std::optional<QRVTouchEvent> QRVTouchEvent::from(const Value& value) {
 }
 
 std::optional<QRVTouchEvent> QRVTouchEvent::fromDictionary(const Value::Map& dictionary) {
+  auto fields = events::pointerFields(dictionary);
+  if (!fields)
+    return std::nullopt;
   QRVTouchEvent event;
-  auto id = events::text(dictionary, "id");
-  auto state = events::text(dictionary, "state");
-  if (!id || !state)
-    return std::nullopt;
-  event.id_ = std::move(*id);
-  event.state_ = std::move(*state);
-  auto time = dictionary.find("timestamp");
-  if (time == dictionary.end())
-    return std::nullopt;
-  event.timestamp_ = events::timestamp(time->second);
-  event.position_ = events::position(dictionary);
-  if (std::isnan(event.position_.x) || std::isnan(event.position_.y))
-    return std::nullopt;
+  event.id_ = std::move(fields->id);
+  event.state_ = std::move(fields->state);
+  event.timestamp_ = fields->timestamp;
+  event.position_ = fields->position;
   return event;
 }
 
