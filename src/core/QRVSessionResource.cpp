@@ -242,13 +242,17 @@ void QRVSessionResource::end(Callback callback) {
 void QRVSessionResource::setFullDevice(QRVConsentState state, Callback callback) {
   if (state == fullDevice())
     return InvokeForSession(callback, std::nullopt, self());
+  toggleCapabilitiesForFullDeviceState(state);
+  update(Value::Map{{"full_device", consentStateName(state)}}, std::move(callback));
+}
+
+void QRVSessionResource::toggleCapabilitiesForFullDeviceState(QRVConsentState /*state*/) {
   // Everything an agent needs to work on the shared screen, whatever the answer; they stay on
   // when sharing ends.
   if (capabilities_)
     capabilities_->toggleMultiple(
         {"laser", "drawing", "disappearing_ink", "arrows", "rectangles", "pointer", "keypress"},
         true);
-  update(Value::Map{{"full_device", consentStateName(state)}}, std::move(callback));
 }
 
 void QRVSessionResource::setRemoteControl(QRVConsentState state, Callback callback) {

@@ -68,6 +68,9 @@ class QRVSessionResource : public QRVRESTResource, public QRVSession {
   void setRemoteControl(QRVConsentState state, Callback callback) override;
   void setCustomData(Value::Map customData, Callback callback) override;
   void setCapabilities(const std::vector<std::string>& capabilities, Callback callback) override;
+  // Switches on what an agent needs on a shared screen (pointer, keys, every annotation tool),
+  // whatever the full-device state; sends nothing.
+  void toggleCapabilitiesForFullDeviceState(QRVConsentState state);
   // Replaces the capability set without telling the service.
   void setCapabilities(const std::vector<std::string>& capabilities);
 
