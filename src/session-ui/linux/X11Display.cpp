@@ -161,6 +161,13 @@ const xcb_visualtype_t* X11Display::visualType(xcb_visualid_t visual) const {
   return nullptr;
 }
 
+void X11Display::setOwnWindow(xcb_window_t window, bool own) {
+  if (own)
+    ownWindows_.insert(window);
+  else
+    ownWindows_.erase(window);
+}
+
 bool X11Display::failed(xcb_void_cookie_t cookie, const char* what) {
   auto error = reply(xcb_request_check(connection_, cookie));
   if (!error)

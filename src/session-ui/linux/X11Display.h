@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -48,6 +49,11 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   int addEventHandler(EventHandler handler);
   void removeEventHandler(int id);
 
+  // The library's own windows on this connection (overlays, the border, prompts), which keep
+  // themselves above others without answering one another.
+  void setOwnWindow(xcb_window_t window, bool own);
+  bool isOwnWindow(xcb_window_t window) const { return ownWindows_.count(window) != 0; }
+
   // Logs the error of a checked request; true when there was one.
   bool failed(xcb_void_cookie_t cookie, const char* what);
   void flush() { xcb_flush(connection_); }
@@ -64,6 +70,7 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   const std::shared_ptr<Executor> mainQueue_;
   std::map<std::string, xcb_atom_t> atoms_;
   std::map<int, EventHandler> handlers_;
+  std::set<xcb_window_t> ownWindows_;
   int nextHandler_ = 1;
   // Woken at shutdown by an event sent to this window of our own.
   xcb_window_t wakeWindow_ = XCB_NONE;
