@@ -8,27 +8,10 @@
 #include <vector>
 
 #include "annotations/QRVLinuxAnnotations.h"
-#include "quorvix/QRVURLSession.h"
 #include "session-ui/QRVSessionUIParts.h"
+#include "support/RecordingURLSession.h"
 
 namespace quorvix::test {
-
-// Takes every REST request and answers none; the tests read what was sent.
-class RecordingURLSession : public QRVURLSession {
- public:
-  void dataTask(QRVHTTPRequest request, std::function<void(QRVHTTPResult)>) override {
-    std::lock_guard lock(mutex_);
-    bodies_.push_back(request.method + " " + request.body.value_or(""));
-  }
-  std::vector<std::string> bodies() const {
-    std::lock_guard lock(mutex_);
-    return bodies_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> bodies_;
-};
 
 // Writes each call into a log shared by the fakes of a test.
 struct CallLog {
