@@ -52,6 +52,12 @@ class QRVSessionUITest : public ::testing::Test {
                               std::make_shared<test::FakeIndicator>(log), main.get());
   }
 
+  // The session holds its observers: let go of them as the session context does.
+  ~QRVSessionUITest() override {
+    ui->destroy();
+    session->cleanup();
+  }
+
   // The service's next answer for the session.
   void serverSays(Value::Map fields) {
     Value::Map m{{"type", "Session"}, {"id", "S1"}, {"state", "pending"}};

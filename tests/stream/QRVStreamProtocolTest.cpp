@@ -219,7 +219,8 @@ TEST_F(QRVStreamProtocolTest, FrameMessagesAndAFrameForADisconnectedStream) {
   encoder().complete(QRVStreamEncoder::Bytes{9});
   auto sent = sentOn(stream);
   ASSERT_EQ(sent.size(), 2u);
-  auto data = convertIncoming(sent[1].second)->find("data");
+  const auto frameMessage = convertIncoming(sent[1].second);
+  const Value* data = frameMessage->find("data");
   ASSERT_TRUE(data && data->asMap());
   EXPECT_EQ(*data->find("type")->asString(), "Frame");
   EXPECT_EQ(*data->find("mime_type")->asString(), "video/avc");
@@ -230,7 +231,8 @@ TEST_F(QRVStreamProtocolTest, FrameMessagesAndAFrameForADisconnectedStream) {
   cornerRadius = 10;
   protocol->sendFrame(frame(), nullptr);
   encoder().complete(QRVStreamEncoder::Bytes{9});
-  data = convertIncoming(sentOn(stream)[2].second)->find("data");
+  const auto second = convertIncoming(sentOn(stream)[2].second);
+  data = second->find("data");
   EXPECT_EQ(data->find("border_radius")->toDouble(), 5.0);
 
   const int resets = encoder().resets;
