@@ -34,6 +34,8 @@ class CaptureChangeDetector {
   void reset();
 
   bool isPolling() const { return polling_; }
+  // Compares every capture from now on, as when change notifications are missing altogether.
+  void startPolling() { polling_ = true; }
   // Whether the pointer given to the last decide() differed from the one before.
   bool pointerChanged() const { return pointerChanged_; }
 

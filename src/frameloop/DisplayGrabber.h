@@ -19,6 +19,8 @@ class DisplayGrabber {
 
   // The main screen now; nullptr once the connection is lost.
   virtual std::shared_ptr<const QRVScreen> mainScreen() = 0;
+  // Whether the server sends change notifications; without them every capture reads and compares.
+  virtual bool notifiesChanges() const = 0;
   // Whether the rectangle may have changed since the previous call (true on the first call and
   // for a new rectangle, and always when the server sends no change notifications).
   virtual bool takeDamage(const QRVScreenRect& rect) = 0;

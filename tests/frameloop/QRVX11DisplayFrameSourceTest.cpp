@@ -23,6 +23,7 @@ struct FakeDisplay {
   int reads = 0;
   int grabbersMade = 0;
   bool reachable = true;
+  bool notifies = true;
 
   // Changes a pixel of the root; with or without telling.
   void paint(std::uint8_t value, bool notify) {
@@ -50,6 +51,7 @@ class FakeGrabber final : public DisplayGrabber {
         QRVCursorImage{1, 1, 0, 0, std::vector<std::uint32_t>{0xffabcdef}});
   }
   bool lost() const override { return d_->lost; }
+  bool notifiesChanges() const override { return d_->notifies; }
 
  private:
   std::shared_ptr<FakeDisplay> d_;
@@ -188,6 +190,18 @@ TEST_F(DisplayFrameSourceTest,
   EXPECT_EQ(display_->reads, reads + 1);
   display_->paint(0x44, false);
   EXPECT_EQ(next()->image()->bytes()[0], 0x44);
+}
+
+TEST_F(DisplayFrameSourceTest, WithoutChangeNotificationsEveryCaptureComparesFromTheStart) {
+  display_->notifies = false;
+  source_->capturingWillStart();
+  EXPECT_TRUE(source_->isPolling());
+  auto first = next();
+  display_->damaged = false;
+  EXPECT_EQ(next()->image(), first->image());
+  EXPECT_EQ(display_->reads, 2);
+  display_->paint(0x66, false);
+  EXPECT_EQ(next()->image()->bytes()[0], 0x66);
 }
 
 TEST_F(DisplayFrameSourceTest, SetScreenRetargetsAndTheSameScreenChangesNothing) {

@@ -55,6 +55,8 @@ void QRVX11DisplayFrameSource::capturingWillStart() {
   sessionRunning_ = true;
   grabber_ = platform_.openGrabber();
   detector_.reset();
+  if (grabber_ && !grabber_->notifiesChanges())
+    detector_.startPolling();
   if (!targetScreen_ && grabber_)
     targetScreen_ = grabber_->mainScreen();
 }
@@ -123,6 +125,8 @@ void QRVX11DisplayFrameSource::captureIfDue() {
       return;
     logger()->debug("display connection made again");
     detector_.reset();
+    if (!grabber_->notifiesChanges())
+      detector_.startPolling();
   }
 
   auto screen = targetScreen_ ? targetScreen_ : grabber_->mainScreen();

@@ -121,6 +121,11 @@ class X11DisplayGrabber final : public DisplayGrabber {
     if (c_->hasExtension(&xcb_test_id))
       c_->check(xcb_test_grab_control_checked(c_->get(), 1), "XTEST grab control");
     setUpShm();
+    // XFixes answers nothing before its version is asked, and damage regions are XFixes regions.
+    hasXFixes_ =
+        c_->hasExtension(&xcb_xfixes_id) &&
+        x11::replyOf(*c_, xcb_xfixes_query_version_reply, xcb_xfixes_query_version(c_->get(), 5, 0),
+                     "XFixes version") != nullptr;
     setUpDamage();
     setUpCursor();
     screen_ = x11::readMainScreen(*c_);
@@ -259,6 +264,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
   }
 
   bool lost() const override { return c_->lost(); }
+  bool notifiesChanges() const override { return damage_ != XCB_NONE; }
 
  private:
   void setUpShm() {
@@ -270,8 +276,10 @@ class X11DisplayGrabber final : public DisplayGrabber {
   }
 
   void setUpDamage() {
-    if (!c_->hasExtension(&xcb_damage_id) || !c_->hasExtension(&xcb_xfixes_id))
+    if (!c_->hasExtension(&xcb_damage_id) || !hasXFixes_) {
+      logger()->debug("no change notifications; every capture reads the screen");
       return;
+    }
     if (!x11::replyOf(*c_, xcb_damage_query_version_reply,
                       xcb_damage_query_version(c_->get(), 1, 1), "DAMAGE version"))
       return;
