@@ -1,11 +1,6 @@
 // The X11 display grabber: MIT-SHM reads of the root window (a SysV segment, else a segment the
 // server makes and passes as a file descriptor, else plain GetImage), DAMAGE for change
 // notifications, XFixes for the cursor picture and its serial.
-#include <sys/ipc.h>
-#include <sys/mman.h>
-#include <sys/shm.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -19,6 +14,7 @@
 #include "frameloop/DisplayGrabber.h"
 #include "frameloop/linux/X11Screens.h"
 #include "frameloop/linux/XcbConnection.h"
+#include "frameloop/linux/XcbShm.h"
 #include "utils/Logging.h"
 
 namespace quorvix {
@@ -31,84 +27,6 @@ constexpr int kMaxCursorSide = 512;
 auto logger() {
   return QRV_LOGGER_FOR(kCategory);
 }
-
-// A shared-memory segment attached to the server, detached and unmapped when dropped.
-class ShmSegment {
- public:
-  // A SysV segment, else one the server creates; nullptr when neither works.
-  static std::unique_ptr<ShmSegment> create(const x11::XcbConnection& c, std::size_t size) {
-    if (auto sysv = createSysV(c, size))
-      return sysv;
-    logger()->debug("SysV shared memory refused; asking the server for a segment");
-    return createFd(c, size);
-  }
-
-  ~ShmSegment() {
-    if (!c_.lost())
-      xcb_shm_detach(c_.get(), seg_);
-    if (sysv_)
-      shmdt(data_);
-    else
-      munmap(data_, size_);
-  }
-  ShmSegment(const ShmSegment&) = delete;
-  ShmSegment& operator=(const ShmSegment&) = delete;
-
-  xcb_shm_seg_t id() const { return seg_; }
-  const std::uint8_t* data() const { return static_cast<const std::uint8_t*>(data_); }
-  std::size_t size() const { return size_; }
-
- private:
-  ShmSegment(const x11::XcbConnection& c,
-             xcb_shm_seg_t seg,
-             void* data,
-             std::size_t size,
-             bool sysv)
-      : c_(c), seg_(seg), data_(data), size_(size), sysv_(sysv) {}
-
-  static std::unique_ptr<ShmSegment> createSysV(const x11::XcbConnection& c, std::size_t size) {
-    const int shmid = shmget(IPC_PRIVATE, size, IPC_CREAT | 0600);
-    if (shmid < 0)
-      return nullptr;
-    void* data = shmat(shmid, nullptr, 0);
-    const xcb_shm_seg_t seg = xcb_generate_id(c.get());
-    bool attached = false;
-    if (data != reinterpret_cast<void*>(-1))
-      attached =
-          c.check(xcb_shm_attach_checked(c.get(), seg, std::uint32_t(shmid), 0), "MIT-SHM attach");
-    // Marked for removal at once: it goes with the last detach, even if this process dies.
-    shmctl(shmid, IPC_RMID, nullptr);
-    if (!attached) {
-      if (data != reinterpret_cast<void*>(-1))
-        shmdt(data);
-      return nullptr;
-    }
-    return std::unique_ptr<ShmSegment>(new ShmSegment(c, seg, data, size, true));
-  }
-
-  static std::unique_ptr<ShmSegment> createFd(const x11::XcbConnection& c, std::size_t size) {
-    const xcb_shm_seg_t seg = xcb_generate_id(c.get());
-    auto reply = x11::replyOf(c, xcb_shm_create_segment_reply,
-                              xcb_shm_create_segment(c.get(), seg, std::uint32_t(size), 0),
-                              "MIT-SHM create segment");
-    if (!reply || reply->nfd != 1)
-      return nullptr;
-    const int fd = xcb_shm_create_segment_reply_fds(c.get(), reply.get())[0];
-    void* data = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-    close(fd);
-    if (data == MAP_FAILED) {
-      xcb_shm_detach(c.get(), seg);
-      return nullptr;
-    }
-    return std::unique_ptr<ShmSegment>(new ShmSegment(c, seg, data, size, false));
-  }
-
-  const x11::XcbConnection& c_;
-  const xcb_shm_seg_t seg_;
-  void* const data_;
-  const std::size_t size_;
-  const bool sysv_;
-};
 
 bool intersects(const QRVScreenRect& a, const xcb_rectangle_t& b) {
   return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
@@ -184,7 +102,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
     const std::size_t size = std::size_t(rect.width) * rect.height * 4;
     if (useShm_ && (!segment_ || segment_->size() < size)) {
       segment_.reset();
-      segment_ = ShmSegment::create(*c_, size);
+      segment_ = x11::ShmSegment::create(*c_, size);
       if (!segment_) {
         useShm_ = false;
         logger()->warn("no shared memory with the X server; reading the screen with GetImage");
@@ -341,7 +259,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
   std::shared_ptr<const QRVScreen> screen_;
   bool screenDirty_ = false;
   bool useShm_ = false;
-  std::unique_ptr<ShmSegment> segment_;
+  std::unique_ptr<x11::ShmSegment> segment_;
   std::vector<std::uint8_t> plain_;
   xcb_damage_damage_t damage_ = XCB_NONE;
   xcb_xfixes_region_t region_ = XCB_NONE;
