@@ -4,12 +4,16 @@
 // would open its menu). Every call waits until the server has done it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <unistd.h>
 
 #include <xcb/xcb.h>
 #include <xcb/xtest.h>
@@ -31,7 +35,14 @@ class X11TestClient {
   xcb_window_t root() const { return screen()->root; }
 
   // A mapped window showing the pattern (kept as its background, so it repaints itself).
-  xcb_window_t createWindow(int x, int y, int width, int height, const Pattern& pattern) {
+  // `managed` windows are left to the window manager (framed, maybe moved) like an
+  // application's main window; the others are placed as they are, like menus.
+  xcb_window_t createWindow(int x,
+                            int y,
+                            int width,
+                            int height,
+                            const Pattern& pattern,
+                            bool managed = false) {
     const xcb_screen_t* s = screen();
     const xcb_pixmap_t pixmap = xcb_generate_id(c_);
     xcb_create_pixmap(c_, s->root_depth, pixmap, s->root, std::uint16_t(width),
@@ -53,7 +64,7 @@ class X11TestClient {
     }
     xcb_free_gc(c_, gc);
     const xcb_window_t window = xcb_generate_id(c_);
-    const std::uint32_t values[] = {pixmap, 1,
+    const std::uint32_t values[] = {pixmap, managed ? 0u : 1u,
                                     XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE};
     xcb_create_window(
         c_, s->root_depth, window, s->root, std::int16_t(x), std::int16_t(y), std::uint16_t(width),
@@ -63,6 +74,29 @@ class X11TestClient {
     xcb_map_window(c_, window);
     sync();
     return window;
+  }
+
+  // Waits (bounded) until the window shows on screen: a window manager maps managed windows
+  // only after framing them.
+  bool waitViewable(xcb_window_t window) {
+    for (int i = 0; i < 500; ++i) {
+      std::unique_ptr<xcb_get_window_attributes_reply_t, decltype(&free)> reply(
+          xcb_get_window_attributes_reply(c_, xcb_get_window_attributes(c_, window), nullptr),
+          &free);
+      if (reply && reply->map_state == XCB_MAP_STATE_VIEWABLE)
+        return true;
+      usleep(10'000);
+    }
+    return false;
+  }
+
+  // Where the window's top left is on the root, wherever a window manager put it.
+  std::pair<int, int> rootPosition(xcb_window_t window) {
+    std::unique_ptr<xcb_translate_coordinates_reply_t, decltype(&free)> reply(
+        xcb_translate_coordinates_reply(c_, xcb_translate_coordinates(c_, window, root(), 0, 0),
+                                        nullptr),
+        &free);
+    return reply ? std::pair<int, int>{reply->dst_x, reply->dst_y} : std::pair<int, int>{-1, -1};
   }
 
   void fill(xcb_window_t window, std::uint32_t rgb, int x, int y, int width, int height) {
