@@ -42,7 +42,8 @@ class X11TestClient {
                             int width,
                             int height,
                             const Pattern& pattern,
-                            bool managed = false) {
+                            bool managed = false,
+                            std::uint32_t claimedPid = 0) {
     const xcb_screen_t* s = screen();
     const xcb_pixmap_t pixmap = xcb_generate_id(c_);
     xcb_create_pixmap(c_, s->root_depth, pixmap, s->root, std::uint16_t(width),
@@ -71,6 +72,15 @@ class X11TestClient {
         std::uint16_t(height), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT, s->root_visual,
         XCB_CW_BACK_PIXMAP | XCB_CW_OVERRIDE_REDIRECT | XCB_CW_DONT_PROPAGATE, values);
     xcb_free_pixmap(c_, pixmap);
+    if (claimedPid != 0) {
+      static constexpr char kName[] = "_NET_WM_PID";
+      std::unique_ptr<xcb_intern_atom_reply_t, decltype(&free)> atom(
+          xcb_intern_atom_reply(c_, xcb_intern_atom(c_, 0, sizeof kName - 1, kName), nullptr),
+          &free);
+      if (atom)
+        xcb_change_property(c_, XCB_PROP_MODE_REPLACE, window, atom->atom, XCB_ATOM_CARDINAL, 32, 1,
+                            &claimedPid);
+    }
     xcb_map_window(c_, window);
     sync();
     return window;
