@@ -10,6 +10,7 @@
 
 #include "frameloop/QRVScreenWatcher.h"
 #include "frameloop/linux/QRVX11DisplayFrameSource.h"
+#include "frameloop/linux/XcbShm.h"
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
@@ -107,6 +108,32 @@ TEST_F(DisplayCaptureTest, ReadsAKnownPictureExactlyAtFullAndHalfScale) {
     for (int x = 65; x < 127; ++x)
       wrong += !near(pixelAt(*half, 100 + x, 75 + y), testPattern(2 * x, 2 * y), 3);
   EXPECT_EQ(wrong, 0);
+  client_->destroy(window);
+}
+
+TEST_F(DisplayCaptureTest, ReadsTheSameThroughEveryKindOfSharedMemoryAndWithout) {
+  const xcb_window_t window = client_->createWindow(200, 150, 256, 128, testPattern);
+  struct Reset {
+    ~Reset() { x11::ShmSegment::setKindsForTesting(x11::ShmSegment::Kinds::all); }
+  } reset;
+  using Kinds = x11::ShmSegment::Kinds;
+  for (Kinds kinds : {Kinds::fdOnly, Kinds::none}) {
+    x11::ShmSegment::setKindsForTesting(kinds);
+    logs_.clear();
+    source_ = std::make_unique<QRVX11DisplayFrameSource>(queue_, testDisplayName());
+    source_->capturingWillStart();
+    auto frame = nextUntil([](const QRVFrame& f) { return pixelAt(f, 200, 150) == 0xff0000; });
+    ASSERT_NE(frame, nullptr) << int(kinds);
+    int wrong = 0;
+    for (int y = 0; y < 128; ++y)
+      for (int x = 0; x < 256; ++x)
+        wrong += pixelAt(*frame, 200 + x, 150 + y) != testPattern(x, y);
+    EXPECT_EQ(wrong, 0) << int(kinds);
+    const bool fellBackToGetImage = logs_.contains(
+        LogLevel::warn, "no shared memory with the X server; reading the screen with GetImage");
+    EXPECT_EQ(fellBackToGetImage, kinds == Kinds::none);
+    EXPECT_TRUE(logs_.mentions("asking the server for a segment") || kinds == Kinds::none);
+  }
   client_->destroy(window);
 }
 
