@@ -41,6 +41,24 @@ std::shared_ptr<const QRVCursorImage> QRVCursorImage::builtinArrow() {
   return arrow;
 }
 
+std::shared_ptr<const QRVCursorImage> QRVCursorImage::fromServer(int width,
+                                                                 int height,
+                                                                 int hotX,
+                                                                 int hotY,
+                                                                 const std::uint32_t* pixels,
+                                                                 std::size_t count) {
+  if (pixels == nullptr || width <= 0 || height <= 0 || width > kMaxSide || height > kMaxSide ||
+      count != std::size_t(width) * std::size_t(height))
+    return nullptr;
+  auto image = std::make_shared<QRVCursorImage>();
+  image->width = width;
+  image->height = height;
+  image->hotX = std::clamp(hotX, 0, width);
+  image->hotY = std::clamp(hotY, 0, height);
+  image->argb.assign(pixels, pixels + count);
+  return image;
+}
+
 bool placeCursor(const QRVScreenRect& screen,
                  int pictureWidth,
                  const QRVCursorImage& cursor,

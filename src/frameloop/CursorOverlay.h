@@ -23,6 +23,17 @@ struct QRVCursorImage {
   }
   // A plain black arrow with a white outline, for when the display will not hand out its cursor.
   static std::shared_ptr<const QRVCursorImage> builtinArrow();
+
+  // Sides above this are refused: cursors are small, and the picture comes from another client.
+  static constexpr int kMaxSide = 512;
+  // A cursor from the display server's answer: nullptr when a side is 0 or above kMaxSide or
+  // `count` differs from width × height. The hot spot is clamped into the picture.
+  static std::shared_ptr<const QRVCursorImage> fromServer(int width,
+                                                          int height,
+                                                          int hotX,
+                                                          int hotY,
+                                                          const std::uint32_t* pixels,
+                                                          std::size_t count);
 };
 
 // The pointer as a capture sees it, in root coordinates.

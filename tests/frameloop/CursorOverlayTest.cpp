@@ -141,3 +141,22 @@ TEST(CursorOverlayTest, BuiltinArrowHasItsTipAtTheHotSpot) {
 
 }  // namespace
 }  // namespace quorvix
+
+namespace quorvix {
+namespace {
+
+TEST(CursorOverlayTest, ServerCursorsAreBoundedAndTheirHotSpotClamped) {
+  const std::vector<std::uint32_t> pixels(16, 0xff000000);
+  auto ok = QRVCursorImage::fromServer(4, 4, 9, 2, pixels.data(), pixels.size());
+  ASSERT_NE(ok, nullptr);
+  EXPECT_EQ(ok->hotX, 4);
+  EXPECT_EQ(ok->hotY, 2);
+  EXPECT_EQ(QRVCursorImage::fromServer(4, 4, 0, 0, pixels.data(), 15), nullptr);
+  EXPECT_EQ(QRVCursorImage::fromServer(0, 4, 0, 0, pixels.data(), 0), nullptr);
+  const std::vector<std::uint32_t> huge(std::size_t(513) * 1, 0);
+  EXPECT_EQ(QRVCursorImage::fromServer(513, 1, 0, 0, huge.data(), huge.size()), nullptr);
+  EXPECT_EQ(QRVCursorImage::fromServer(4, 4, 0, 0, nullptr, 16), nullptr);
+}
+
+}  // namespace
+}  // namespace quorvix

@@ -128,7 +128,9 @@ TEST_F(WindowCaptureTest, OwnWindowsAreExactAndAnotherClientsWindowOverThemNever
   const xcb_window_t managed = window(
       800, 300, 200, 100, [](int, int) { return 0x3366cc; }, true);
   ASSERT_TRUE(client_->waitViewable(managed));
-  const auto [mx, my] = client_->rootPosition(managed);
+  const auto position = client_->rootPosition(managed);
+  const int mx = position.first;
+  const int my = position.second;
   ForeignWindow foreign(testDisplayName(), 350, 250, 300, 200, kForeign);
   ASSERT_NE(foreign.id, 0u);
   ForeignWindow overManaged(testDisplayName(), mx + 50, my + 20, 60, 40, kForeign);

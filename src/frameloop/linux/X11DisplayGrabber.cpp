@@ -21,8 +21,6 @@ namespace quorvix {
 namespace {
 
 constexpr std::string_view kCategory = "QRVX11DisplayFrameSource";
-// Cursors are small; a larger picture from the server is refused rather than copied.
-constexpr int kMaxCursorSide = 512;
 
 auto logger() {
   return QRV_LOGGER_FOR(kCategory);
@@ -157,17 +155,14 @@ class X11DisplayGrabber final : public DisplayGrabber {
     if (hasXFixes_) {
       auto reply = x11::replyOf(*c_, xcb_xfixes_get_cursor_image_reply,
                                 xcb_xfixes_get_cursor_image(c_->get()), "cursor image");
-      if (reply && reply->width > 0 && reply->height > 0 && reply->width <= kMaxCursorSide &&
-          reply->height <= kMaxCursorSide &&
-          xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()) ==
-              int(reply->width) * reply->height) {
-        auto image = std::make_shared<QRVCursorImage>();
-        image->width = reply->width;
-        image->height = reply->height;
-        image->hotX = std::min<int>(reply->xhot, reply->width);
-        image->hotY = std::min<int>(reply->yhot, reply->height);
-        const std::uint32_t* pixels = xcb_xfixes_get_cursor_image_cursor_image(reply.get());
-        image->argb.assign(pixels, pixels + std::size_t(reply->width) * reply->height);
+      auto image = reply
+                       ? QRVCursorImage::fromServer(
+                             reply->width, reply->height, reply->xhot, reply->yhot,
+                             xcb_xfixes_get_cursor_image_cursor_image(reply.get()),
+                             std::size_t(std::max(
+                                 0, xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()))))
+                       : nullptr;
+      if (image) {
         cursorImage_ = std::move(image);
         cursorImageSerial_ = reply->cursor_serial;
         cursorSerial_ = reply->cursor_serial;

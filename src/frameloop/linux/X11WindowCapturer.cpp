@@ -29,7 +29,6 @@ namespace {
 constexpr std::string_view kCategory = "QRVX11WindowFrameSource";
 // Behind the host's windows when the desktop shows neither a desktop window nor a root pixmap.
 constexpr std::uint8_t kBackgroundBgrx[4] = {0x30, 0x30, 0x30, 0xff};
-constexpr int kMaxCursorSide = 512;
 // How deep below a top-level window (a window manager's frame) the client window is looked for.
 constexpr int kClientSearchDepth = 2;
 
@@ -514,17 +513,14 @@ class X11WindowCapturer final : public WindowCapturer {
     if (hasXFixes_) {
       auto reply = x11::replyOf(*c_, xcb_xfixes_get_cursor_image_reply,
                                 xcb_xfixes_get_cursor_image(c_->get()), "cursor image");
-      if (reply && reply->width > 0 && reply->height > 0 && reply->width <= kMaxCursorSide &&
-          reply->height <= kMaxCursorSide &&
-          xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()) ==
-              int(reply->width) * reply->height) {
-        auto image = std::make_shared<QRVCursorImage>();
-        image->width = reply->width;
-        image->height = reply->height;
-        image->hotX = std::min<int>(reply->xhot, reply->width);
-        image->hotY = std::min<int>(reply->yhot, reply->height);
-        const std::uint32_t* pixels = xcb_xfixes_get_cursor_image_cursor_image(reply.get());
-        image->argb.assign(pixels, pixels + std::size_t(reply->width) * reply->height);
+      auto image = reply
+                       ? QRVCursorImage::fromServer(
+                             reply->width, reply->height, reply->xhot, reply->yhot,
+                             xcb_xfixes_get_cursor_image_cursor_image(reply.get()),
+                             std::size_t(std::max(
+                                 0, xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()))))
+                       : nullptr;
+      if (image) {
         cursorImage_ = std::move(image);
         cursorSerial_ = cursorImageSerial_ = reply->cursor_serial;
         return cursorImage_;
