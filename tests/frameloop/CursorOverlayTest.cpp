@@ -129,16 +129,6 @@ TEST(CursorOverlayTest, ClickRingIsWhiteForTheLeftButtonGreenForTheRightAndAbsen
   }
 }
 
-TEST(CursorOverlayTest, BuiltinArrowHasItsTipAtTheHotSpot) {
-  auto arrow = QRVCursorImage::builtinArrow();
-  ASSERT_TRUE(arrow->isValid());
-  EXPECT_EQ(arrow->argb[0] >> 24, 0xffu);
-  Picture p(40, 40);
-  drawCursor(p.bytes.data(), p.width, p.height, {0, 0, 40, 40}, *arrow, {5, 5, 0, 1});
-  EXPECT_NE(p.at(5, 5), kBackground);
-  EXPECT_EQ(p.at(4, 4), kBackground);
-}
-
 }  // namespace
 }  // namespace quorvix
 
