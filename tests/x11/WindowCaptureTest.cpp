@@ -158,6 +158,36 @@ TEST_F(WindowCaptureTest, HalfScaleIsExactInSolidAreasAndCloseInGradients) {
   EXPECT_EQ(halfPatternMismatches(*half, 150, 100), 0);
 }
 
+// The capturer on the test's thread: what the source's thread does every 100 ms.
+TEST_F(WindowCaptureTest, UnchangedWindowsGiveTheSameImageAndDrawingANewOne) {
+  const xcb_window_t w = window(
+      600, 600, 64, 64, [](int, int) { return 0x808080; }, false);
+  auto capturer =
+      WindowCapturer::createX11(testDisplayName(), std::make_shared<QRVWindowRegistry>());
+  ASSERT_NE(capturer, nullptr);
+  // The first notifications cover the whole screen; wait for one image handed out twice.
+  std::shared_ptr<const QRVImage> previous = capturer->capture(nullptr, 1.0);
+  std::shared_ptr<const QRVImage> held;
+  for (int i = 0; i < 30 && !held; ++i) {
+    auto image = capturer->capture(nullptr, 1.0);
+    if (image && image == previous)
+      held = image;
+    previous = image;
+  }
+  ASSERT_NE(held, nullptr) << "idle windows never gave the same image twice";
+  EXPECT_EQ(capturer->capture(nullptr, 1.0), held);
+
+  client_->fill(w, 0x10e020, 8, 8, 16, 16);
+  auto drawn = capturer->capture(nullptr, 1.0);
+  ASSERT_NE(drawn, nullptr);
+  EXPECT_NE(drawn, held);
+  QRVFrame frame(drawn);
+  EXPECT_EQ(pixelAt(frame, 610, 610), 0x10e020u);
+
+  client_->movePointer(1800, 1000);
+  EXPECT_NE(capturer->capture(nullptr, 1.0), drawn) << "a moved pointer is a new picture";
+}
+
 TEST_F(WindowCaptureTest, ClosedWindowLeavesTheFramesAndTheLog) {
   const xcb_window_t w = client_->createWindow(400, 400, 50, 50, [](int, int) { return 0xc03030; });
   ASSERT_NE(

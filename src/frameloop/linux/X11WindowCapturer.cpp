@@ -11,11 +11,13 @@
 
 #include <libyuv/scale_argb.h>
 #include <xcb/composite.h>
+#include <xcb/damage.h>
 #include <xcb/res.h>
 #include <xcb/shm.h>
 #include <xcb/xcb.h>
 #include <xcb/xfixes.h>
 
+#include "frameloop/CaptureChangeDetector.h"
 #include "frameloop/CursorOverlay.h"
 #include "frameloop/WindowCapturer.h"
 #include "frameloop/linux/X11Screens.h"
@@ -85,6 +87,7 @@ class X11WindowCapturer final : public WindowCapturer {
     useShm_ = c_->hasExtension(&xcb_shm_id) &&
               x11::replyOf(*c_, xcb_shm_query_version_reply, xcb_shm_query_version(c_->get()),
                            "MIT-SHM version");
+    setUpDamage();
     netWmPid_ = atom("_NET_WM_PID");
     clientLeader_ = atom("WM_CLIENT_LEADER");
     windowType_ = atom("_NET_WM_WINDOW_TYPE");
@@ -116,12 +119,68 @@ class X11WindowCapturer final : public WindowCapturer {
       registryGeneration_ = generation;
       for (auto& t : stack_)
         t.own.reset();
+      listChanged_ = true;
     }
 
     // The drawing buffer at the screen's full size, kept while the size stays.
     const std::size_t bytes = std::size_t(area.width) * area.height * 4;
-    if (context_.size() != bytes)
-      context_.assign(bytes, 0);
+    const bool samePicture = lastImage_ && context_.size() == bytes && area == lastArea_ &&
+                             lastImage_->width() == width && lastImage_->height() == height;
+    const auto pointer = readPointer();
+    const bool damaged = takeDamage(area) || std::exchange(listChanged_, false);
+    const auto action = detector_.decide(std::chrono::steady_clock::now(), damaged,
+                                         pointer.value_or(QRVPointerState{}), samePicture);
+    if (action == CaptureChangeDetector::Action::reuse)
+      return lastImage_;
+    if (action != CaptureChangeDetector::Action::recomposite) {
+      const bool comparing = action == CaptureChangeDetector::Action::compare;
+      if (comparing)
+        previousContext_.assign(context_.begin(), context_.end());
+      if (context_.size() != bytes)
+        context_.assign(bytes, 0);
+      composeWindows(area);
+      if (c_->lost())
+        return nullptr;
+      if (comparing) {
+        const bool differs = context_ != previousContext_;
+        if (detector_.compared(differs))
+          logger()->debug(
+              "the windows changed without a change notification; comparing every capture");
+        if (!differs && !detector_.pointerChanged())
+          return lastImage_;
+      }
+    }
+
+    std::vector<std::uint8_t> out(std::size_t(width) * height * 4);
+    if (width == area.width && height == area.height)
+      std::memcpy(out.data(), context_.data(), out.size());
+    else if (libyuv::ARGBScale(context_.data(), area.width * 4, area.width, area.height, out.data(),
+                               width * 4, width, height, libyuv::kFilterBilinear) != 0)
+      return nullptr;
+    if (pointer)
+      drawCursor(out.data(), width, height, area, *cursor(), *pointer);
+    lastImage_ = QRVImage::create(width, height, std::move(out));
+    lastArea_ = area;
+    return lastImage_;
+  }
+
+  void resetBackground() override {
+    desktopWindow_ = XCB_NONE;
+    listChanged_ = true;
+  }
+
+  void releaseContext() override {
+    context_ = {};
+    previousContext_ = {};
+    lastImage_.reset();
+    detector_.reset();
+  }
+
+  bool lost() const override { return c_->lost(); }
+
+ private:
+  // The background, then the host's windows bottom to top, into the buffer.
+  void composeWindows(const QRVScreenRect& area) {
     drawBackground(area);
     for (auto& t : stack_) {
       if (!t.mapped || t.id == desktopWindow_ || !intersects(area, t.rect))
@@ -131,27 +190,51 @@ class X11WindowCapturer final : public WindowCapturer {
       if (*t.own)
         drawWindow(t, area, true);
     }
-    if (c_->lost())
-      return nullptr;
-
-    std::vector<std::uint8_t> out(std::size_t(width) * height * 4);
-    if (width == area.width && height == area.height)
-      std::memcpy(out.data(), context_.data(), out.size());
-    else if (libyuv::ARGBScale(context_.data(), area.width * 4, area.width, area.height, out.data(),
-                               width * 4, width, height, libyuv::kFilterBilinear) != 0)
-      return nullptr;
-    if (auto pointer = readPointer())
-      drawCursor(out.data(), width, height, area, *cursor(), *pointer);
-    return QRVImage::create(width, height, std::move(out));
   }
 
-  void resetBackground() override { desktopWindow_ = XCB_NONE; }
+  // Damage on the root: with the windows redirected, whatever they draw reaches the screen as
+  // drawing on the root.
+  void setUpDamage() {
+    if (!c_->hasExtension(&xcb_damage_id) || !hasXFixes_ ||
+        !x11::replyOf(*c_, xcb_damage_query_version_reply,
+                      xcb_damage_query_version(c_->get(), 1, 1), "DAMAGE version")) {
+      detector_.startPolling();
+      return;
+    }
+    damageEvent_ =
+        xcb_get_extension_data(c_->get(), &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY;
+    region_ = xcb_generate_id(c_->get());
+    damage_ = xcb_generate_id(c_->get());
+    if (!c_->check(xcb_xfixes_create_region_checked(c_->get(), region_, 0, nullptr),
+                   "damage region") ||
+        !c_->check(xcb_damage_create_checked(c_->get(), damage_, c_->root(),
+                                             XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY),
+                   "damage create")) {
+      damage_ = XCB_NONE;
+      detector_.startPolling();
+    }
+  }
 
-  void releaseContext() override { context_ = {}; }
+  // Whether the area was drawn on since the last call.
+  bool takeDamage(const QRVScreenRect& area) {
+    if (damage_ == XCB_NONE)
+      return true;
+    if (!std::exchange(damageSeen_, false))
+      return false;
+    if (!c_->check(xcb_damage_subtract_checked(c_->get(), damage_, XCB_NONE, region_),
+                   "damage subtract"))
+      return true;
+    auto region = x11::replyOf(*c_, xcb_xfixes_fetch_region_reply,
+                               xcb_xfixes_fetch_region(c_->get(), region_), "damage region");
+    if (!region)
+      return true;
+    const xcb_rectangle_t* rects = xcb_xfixes_fetch_region_rectangles(region.get());
+    for (int i = 0; i < xcb_xfixes_fetch_region_rectangles_length(region.get()); ++i)
+      if (intersects(area, {rects[i].x, rects[i].y, rects[i].width, rects[i].height}))
+        return true;
+    return false;
+  }
 
-  bool lost() const override { return c_->lost(); }
-
- private:
   static bool intersects(const QRVScreenRect& a, const QRVScreenRect& b) {
     return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height &&
            b.y < a.y + a.height;
@@ -221,6 +304,9 @@ class X11WindowCapturer final : public WindowCapturer {
   void drain() {
     while (auto event = x11::XcbPtr<xcb_generic_event_t>(xcb_poll_for_event(c_->get()))) {
       const std::uint8_t type = event->response_type & 0x7f;
+      // A window appearing, going, moving or restacking changes the picture.
+      if (type >= XCB_CREATE_NOTIFY && type <= XCB_CIRCULATE_NOTIFY)
+        listChanged_ = true;
       switch (type) {
         case 0:
           c_->noError(reinterpret_cast<xcb_generic_error_t*>(event.release()), "X request");
@@ -298,7 +384,9 @@ class X11WindowCapturer final : public WindowCapturer {
           break;
         }
         default:
-          if (hasXFixes_ && type == cursorEvent_)
+          if (damage_ != XCB_NONE && type == damageEvent_)
+            damageSeen_ = true;
+          else if (hasXFixes_ && type == cursorEvent_)
             cursorSerial_ = reinterpret_cast<const xcb_xfixes_cursor_notify_event_t*>(event.get())
                                 ->cursor_serial;
           else if (x11::isScreenChangeEvent(*c_, *event))
@@ -532,6 +620,15 @@ class X11WindowCapturer final : public WindowCapturer {
   }
 
   const std::unique_ptr<x11::XcbConnection> c_;
+  xcb_damage_damage_t damage_ = XCB_NONE;
+  xcb_xfixes_region_t region_ = XCB_NONE;
+  std::uint8_t damageEvent_ = 0;
+  bool damageSeen_ = false;
+  bool listChanged_ = true;
+  CaptureChangeDetector detector_;
+  std::shared_ptr<const QRVImage> lastImage_;
+  QRVScreenRect lastArea_;
+  std::vector<std::uint8_t> previousContext_;
   const std::shared_ptr<const QRVWindowRegistry> registry_;
   const std::uint32_t pid_;
   std::uint64_t registryGeneration_ = 0;
