@@ -136,8 +136,10 @@ void QRVX11DisplayFrameSource::captureIfDue() {
     return;
   }
   const QRVScreenRect rect = screen->frame();
-  const bool damaged = grabber_->takeDamage(rect);
+  // The pointer query is a round trip, after which every notification of what happened before
+  // it has arrived.
   const QRVPointerState pointer = grabber_->pointer();
+  const bool damaged = grabber_->takeDamage(rect);
   if (grabber_->lost()) {
     connectionLost();
     return;

@@ -100,6 +100,8 @@ class X11WindowCapturer final : public WindowCapturer {
 
   std::shared_ptr<const QRVImage> capture(const std::shared_ptr<const QRVScreen>& target,
                                           double scale) override {
+    // A round trip first: every notification of what happened before it is queued by its reply.
+    const auto pointer = readPointer();
     drain();
     if (c_->lost())
       return nullptr;
@@ -126,7 +128,6 @@ class X11WindowCapturer final : public WindowCapturer {
     const std::size_t bytes = std::size_t(area.width) * area.height * 4;
     const bool samePicture = lastImage_ && context_.size() == bytes && area == lastArea_ &&
                              lastImage_->width() == width && lastImage_->height() == height;
-    const auto pointer = readPointer();
     const bool damaged = takeDamage(area) || std::exchange(listChanged_, false);
     const auto action = detector_.decide(std::chrono::steady_clock::now(), damaged,
                                          pointer.value_or(QRVPointerState{}), samePicture);
