@@ -186,6 +186,19 @@ TEST_F(WindowCaptureTest, UnchangedWindowsGiveTheSameImageAndDrawingANewOne) {
 
   client_->movePointer(1800, 1000);
   EXPECT_NE(capturer->capture(nullptr, 1.0), drawn) << "a moved pointer is a new picture";
+
+  // The cursor and a white click ring over the window while the left button is down.
+  client_->movePointer(632, 632);
+  client_->button(1, true);
+  auto pressed = capturer->capture(nullptr, 1.0);
+  client_->button(1, false);
+  ASSERT_NE(pressed, nullptr);
+  QRVFrame withRing(pressed);
+  int white = 0;
+  for (int y = 600; y < 664; ++y)
+    for (int x = 600; x < 664; ++x)
+      white += near(pixelAt(withRing, x, y), 0xffffff, 40);
+  EXPECT_GT(white, 30);
 }
 
 TEST_F(WindowCaptureTest, ClosedWindowLeavesTheFramesAndTheLog) {
