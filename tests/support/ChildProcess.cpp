@@ -35,6 +35,12 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv,
 }
 
 ChildProcess::~ChildProcess() {
+  stop();
+  if (out_ >= 0)
+    close(out_);
+}
+
+void ChildProcess::stop() {
   if (pid_ > 0) {
     kill(pid_, SIGTERM);
     int status = 0;
@@ -45,9 +51,8 @@ ChildProcess::~ChildProcess() {
       kill(pid_, SIGKILL);
       waitpid(pid_, &status, 0);
     }
+    pid_ = -1;
   }
-  if (out_ >= 0)
-    close(out_);
 }
 
 std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds limit) {

@@ -19,6 +19,8 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
+  // Stops the process by its PID now (what the destructor does); idempotent.
+  void stop();
   // The next line of output, or nothing at the end or after `limit`.
   std::optional<std::string> readLine(std::chrono::milliseconds limit = std::chrono::seconds(10));
 

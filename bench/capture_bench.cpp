@@ -1,0 +1,228 @@
+// CPU cost of the two X11 capture sources per captured frame, at scale 1.0 and 0.5, beside the
+// peers measured in the same run: ffmpeg's x11grab capturing alone, and the floors (a bare
+// MIT-SHM grab loop, memcmp/memcpy of one frame). Run inside the reference scene, which exports
+// DISPLAY and the X server's PID (the server does the MIT-SHM copy, so its CPU counts too):
+//   scene.sh [--static] -- capture_bench PEERS_DIR [FRAMES]
+// PEERS_DIR holds xshmgrab and memfloor built from their sources. With a static scene the figure
+// that matters is the cost of a frame request that finds nothing changed.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <dirent.h>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <xcb/xcb.h>
+
+#include "frameloop/linux/QRVX11DisplayFrameSource.h"
+#include "frameloop/linux/QRVX11WindowFrameSource.h"
+#include "quorvix/Log.h"
+
+namespace {
+
+using namespace quorvix;
+using Clock = std::chrono::steady_clock;
+
+// The frame loop's thread is this one.
+class InlineExecutor final : public Executor, public quorvix::Clock {
+ public:
+  bool isCurrent() const override { return true; }
+  void post(Task task) override { task(); }
+  TaskHandle postAfter(Duration, Task) override { return {}; }
+  const quorvix::Clock& clock() const override { return *this; }
+  SteadyTime now() const override { return std::chrono::steady_clock::now(); }
+  WallTime wallNow() const override { return std::chrono::system_clock::now(); }
+};
+
+double cpuMs(int who) {
+  rusage r{};
+  getrusage(who, &r);
+  return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1e3 +
+         (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e3;
+}
+
+// Time on CPU of every thread of the X server, from the scheduler's statistics.
+double serverMs() {
+  const char* pid = std::getenv("SCENE_XVFB_PID");
+  if (!pid)
+    return 0;
+  const std::string dir = std::string("/proc/") + pid + "/task";
+  double total = 0;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
+      if (e->d_name[0] == '.')
+        continue;
+      std::ifstream in(dir + "/" + e->d_name + "/schedstat");
+      double ns = 0;
+      if (in >> ns)
+        total += ns / 1e6;
+    }
+    closedir(d);
+  }
+  return total;
+}
+
+struct Row {
+  std::string name;
+  int frames = 0;     // frame requests at 10 a second, which the cost is divided by
+  int newFrames = 0;  // of those, pictures that differed from the previous one
+  double clientMs = 0;
+  double serverMs = 0;
+  double perFrame() const { return frames ? (clientMs + serverMs) / frames : 0; }
+};
+
+template <class Body>
+Row measure(const std::string& name, int who, Body body) {
+  Row row{name};
+  const double c0 = cpuMs(who);
+  const double s0 = serverMs();
+  body(row);
+  row.clientMs = cpuMs(who) - c0;
+  row.serverMs = serverMs() - s0;
+  return row;
+}
+
+// Frame requests at 10 a second, as the frame loop makes them.
+template <class Request>
+void paced(int frames, Request request) {
+  const auto start = Clock::now();
+  for (int i = 0; i < frames; ++i) {
+    std::this_thread::sleep_until(start + std::chrono::milliseconds(100) * i);
+    request();
+  }
+}
+
+Row displaySource(const std::string& display, double scale, int frames) {
+  auto queue = std::make_shared<InlineExecutor>();
+  QRVX11DisplayFrameSource source(queue, display);
+  source.capturingWillStart();
+  source.newFrame(scale);  // connects and reads once, outside the figure
+  std::shared_ptr<const QRVImage> last;
+  char name[64];
+  std::snprintf(name, sizeof name, "display source, scale %.1f", scale);
+  return measure(name, RUSAGE_SELF, [&](Row& row) {
+    paced(frames, [&] {
+      auto frame = source.newFrame(scale);
+      ++row.frames;
+      if (frame && frame->image() != last) {
+        ++row.newFrames;
+        last = frame->image();
+      }
+    });
+  });
+}
+
+// Every mapped top-level window of the scene counts as the host's, so that the source reads
+// what a busy application would show.
+Row windowSource(const std::string& display, double scale, int frames) {
+  QRVX11WindowFrameSource source(display);
+  xcb_connection_t* c = xcb_connect(display.c_str(), nullptr);
+  const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+  if (auto* tree = xcb_query_tree_reply(c, xcb_query_tree(c, screen->root), nullptr)) {
+    const xcb_window_t* children = xcb_query_tree_children(tree);
+    for (int i = 0; i < xcb_query_tree_children_length(tree); ++i)
+      source.registerWindow(children[i]);
+    std::free(tree);
+  }
+  xcb_disconnect(c);
+  source.capturingWillStart();
+  // Until the first picture, outside the figure.
+  for (int i = 0; i < 200 && !source.newFrame(scale); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::shared_ptr<const QRVImage> last;
+  char name[64];
+  std::snprintf(name, sizeof name, "window source, scale %.1f", scale);
+  return measure(name, RUSAGE_SELF, [&](Row& row) {
+    // Captures run on their own thread about every 100 ms, as often as frames are asked for.
+    paced(frames, [&] {
+      auto frame = source.newFrame(scale);
+      ++row.frames;
+      if (frame && frame->image() != last) {
+        ++row.newFrames;
+        last = frame->image();
+      }
+    });
+  });
+}
+
+int run(const std::vector<std::string>& argv) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    std::vector<char*> args;
+    for (const auto& a : argv)
+      args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  setStderrLogging(false);
+  const char* display = std::getenv("DISPLAY");
+  if (argc < 2 || !display) {
+    std::fprintf(stderr, "usage: scene.sh [--static] -- capture_bench PEERS_DIR [FRAMES]\n");
+    return 2;
+  }
+  const std::string peers = argv[1];
+  const int frames = argc > 2 ? std::atoi(argv[2]) : 100;
+
+  std::vector<Row> rows;
+  rows.push_back(measure("ffmpeg x11grab, capture alone", RUSAGE_CHILDREN, [&](Row& row) {
+    run({"ffmpeg",
+         "-hide_banner",
+         "-nostdin",
+         "-loglevel",
+         "error",
+         "-f",
+         "x11grab",
+         "-draw_mouse",
+         "0",
+         "-framerate",
+         "10",
+         "-video_size",
+         "1920x1080",
+         "-i",
+         display,
+         "-frames:v",
+         std::to_string(frames),
+         "-c:v",
+         "rawvideo",
+         "-f",
+         "null",
+         "-"});
+    row.frames = row.newFrames = frames;
+  }));
+  rows.push_back(measure("floor: MIT-SHM grab loop", RUSAGE_CHILDREN, [&](Row& row) {
+    run({peers + "/xshmgrab", std::to_string(frames), "shm"});
+    row.frames = row.newFrames = frames;
+  }));
+  for (double scale : {1.0, 0.5}) {
+    rows.push_back(displaySource(display, scale, frames));
+    rows.push_back(windowSource(display, scale, frames));
+  }
+
+  const double peer = rows[0].perFrame();
+  std::printf("%-32s %7s %7s %10s %10s %10s %8s\n", "pipeline", "frames", "new", "client ms",
+              "server ms", "ms/frame", "x ffmpeg");
+  for (const auto& r : rows)
+    std::printf("%-32s %7d %7d %10.1f %10.1f %10.3f %8.2f\n", r.name.c_str(), r.frames, r.newFrames,
+                r.clientMs, r.serverMs, r.perFrame(), peer > 0 ? r.perFrame() / peer : 0.0);
+  std::fflush(stdout);
+  std::printf("\nfloor: memcmp / memcpy of one 1920x1080 frame\n");
+  std::fflush(stdout);
+  run({peers + "/memfloor"});
+  return 0;
+}
