@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include <cairo.h>
 #include <xcb/xcb.h>
 
 #include "quorvix/Executor.h"
@@ -40,6 +41,8 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   xcb_atom_t atom(const char* name);
   // A compositing manager owns _NET_WM_CM_S<screen>: 32-bit windows blend with what lies below.
   bool isComposited();
+  // A window manager owns WM_S<screen>: it places, stacks and focuses managed windows.
+  bool hasWindowManager();
   // A 32-bit TrueColor visual of the screen, or 0.
   xcb_visualid_t argbVisual() const { return argbVisual_; }
   const xcb_visualtype_t* visualType(xcb_visualid_t visual) const;
@@ -47,6 +50,16 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   // Handlers run on the main queue, in the order events arrive, until removed.
   int addEventHandler(EventHandler handler);
   void removeEventHandler(int id);
+  // Runs once on the main queue when the connection is lost (not when the display closes).
+  int addConnectionLostHandler(std::function<void()> handler);
+
+  // A cairo surface on `drawable`; the caller destroys it. All share the connection's cairo
+  // device, which the display finishes before it disconnects: cairo finds devices by connection
+  // address, so a later connection at the same address would otherwise inherit a dead one.
+  cairo_surface_t* createCairoSurface(xcb_drawable_t drawable,
+                                      xcb_visualid_t visual,
+                                      int width,
+                                      int height);
 
   // Logs the error of a checked request; true when there was one.
   bool failed(xcb_void_cookie_t cookie, const char* what);
@@ -56,6 +69,7 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   X11Display(xcb_connection_t* connection, int screenNumber, std::shared_ptr<Executor> mainQueue);
   void startReader();
   void dispatch(const xcb_generic_event_t& event);
+  void connectionLost();
 
   xcb_connection_t* const connection_;
   const int screenNumber_;
@@ -64,9 +78,11 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   const std::shared_ptr<Executor> mainQueue_;
   std::map<std::string, xcb_atom_t> atoms_;
   std::map<int, EventHandler> handlers_;
+  std::map<int, std::function<void()>> lostHandlers_;
   int nextHandler_ = 1;
   // Woken at shutdown by an event sent to this window of our own.
   xcb_window_t wakeWindow_ = XCB_NONE;
+  cairo_device_t* cairoDevice_ = nullptr;
   const std::shared_ptr<std::atomic<bool>> stopping_ = std::make_shared<std::atomic<bool>>(false);
   std::thread reader_;
 };
