@@ -87,14 +87,18 @@ class X11DialogTest : public ::testing::Test {
   std::vector<std::uint32_t> cardinals(xcb_window_t window, xcb_atom_t name) {
     const std::string bytes = property(window, name);
     std::vector<std::uint32_t> values(bytes.size() / 4);
-    std::memcpy(values.data(), bytes.data(), values.size() * 4);
+    if (!values.empty())
+      std::memcpy(values.data(), bytes.data(), values.size() * 4);
     return values;
+  }
+  xcb_window_t focus() {
+    auto f = owned(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
+    return f ? f->focus : xcb_window_t{XCB_NONE};
   }
   bool viewableAndFocused(xcb_window_t window) {
     auto a =
         owned(xcb_get_window_attributes_reply(c, xcb_get_window_attributes(c, window), nullptr));
-    auto f = owned(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
-    return a && a->map_state == XCB_MAP_STATE_VIEWABLE && f && f->focus == window;
+    return a && a->map_state == XCB_MAP_STATE_VIEWABLE && focus() == window;
   }
   std::pair<int, int> origin(xcb_window_t window) {
     auto r = owned(xcb_translate_coordinates_reply(
@@ -163,10 +167,11 @@ class X11DialogTest : public ::testing::Test {
   }
   // Presses the left button over one button and releases it over another.
   void drag(int from, int to) {
-    const auto [x, y] = origin(seen().window);
+    const auto corner = origin(seen().window);
     const auto centre = [&](int b) {
       const QRVRect r = seen().buttons[b];
-      return std::pair<int, int>(int(x + r.x + r.width / 2), int(y + r.y + r.height / 2));
+      return std::pair<int, int>(int(corner.first + r.x + r.width / 2),
+                                 int(corner.second + r.y + r.height / 2));
     };
     fake(XCB_MOTION_NOTIFY, 0, centre(from).first, centre(from).second);
     fake(XCB_BUTTON_PRESS, 1);
@@ -274,15 +279,15 @@ TEST_F(X11DialogTest, KeyboardAnswers) {
       {"Tab twice comes back to Deny", {{kTab}, {kTab}, {kSpace}}, 1},
       {"Escape denies even on Allow", {{kTab}, {kEscape}}, 1},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
     answers.clear();
     present();
     waitUntilReady();
     const xcb_window_t window = seen().window;
     watch(window);
-    type(c.strokes);
-    EXPECT_TRUE(answered(c.answer));
+    type(row.strokes);
+    EXPECT_TRUE(answered(row.answer)) << "input focus on " << focus() << ", not " << window;
     EXPECT_TRUE(waitForDestroyed(window)) << "an answered dialog closes";
   }
 }

@@ -524,8 +524,11 @@ void DialogWindow::handle(const xcb_generic_event_t& event) {
     }
     case XCB_MAPPING_NOTIFY: {
       const auto mapping = eventAs<xcb_mapping_notify_event_t>(event);
-      if (mapping.request == XCB_MAPPING_KEYBOARD)
-        keyboard_ = Keyboard::load(display_->connection());
+      // A map read in the middle of a change may fail: the one before stays until one loads.
+      if (mapping.request == XCB_MAPPING_KEYBOARD) {
+        if (auto reloaded = Keyboard::load(display_->connection()))
+          keyboard_ = std::move(reloaded);
+      }
       break;
     }
     default:

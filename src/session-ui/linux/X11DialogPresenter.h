@@ -1,7 +1,12 @@
 // Consent dialogs as small managed X windows: a dialog-type window kept above the others and
 // centred on the main screen, drawn with cairo and pango (bold title, wrapped message, the two
-// buttons in order), operated with the mouse or the keyboard (Tab and Shift+Tab move the focus,
-// Enter or space presses the focused button, Escape and the window's close button deny).
+// buttons in order), operated with the mouse or the keyboard (Tab, Shift+Tab and the arrow keys
+// move the focus, Enter or space presses the focused button, Escape and the window's close
+// button deny).
+//
+// With a window manager the dialog asks to be kept above and the manager focuses it; without
+// one the dialog focuses itself once mapped, and is on top when it appears (nothing raises it
+// again over windows mapped later).
 //
 // The second button has the focus when a dialog opens: a keystroke meant for another window
 // that lands in a freshly focused consent prompt must never grant anything.
