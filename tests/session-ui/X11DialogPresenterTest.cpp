@@ -95,10 +95,20 @@ class X11DialogTest : public ::testing::Test {
     auto f = owned(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
     return f ? f->focus : xcb_window_t{XCB_NONE};
   }
+  std::string focusReport(xcb_window_t window) {
+    const auto active = cardinals(root, atom("_NET_ACTIVE_WINDOW"));
+    return "dialog " + std::to_string(window) + ", input focus " + std::to_string(focus()) +
+           ", active " + (active.empty() ? "none" : std::to_string(active[0]));
+  }
+  // With a window manager, also done with it: the manager names it the active window once it
+  // has finished focusing it, so no focus change of its own can follow.
   bool viewableAndFocused(xcb_window_t window) {
     auto a =
         owned(xcb_get_window_attributes_reply(c, xcb_get_window_attributes(c, window), nullptr));
-    return a && a->map_state == XCB_MAP_STATE_VIEWABLE && focus() == window;
+    const auto active = cardinals(root, atom("_NET_ACTIVE_WINDOW"));
+    return a && a->map_state == XCB_MAP_STATE_VIEWABLE && focus() == window &&
+           (cardinals(root, atom("_NET_SUPPORTING_WM_CHECK")).empty() ||
+            active == std::vector<std::uint32_t>{window});
   }
   std::pair<int, int> origin(xcb_window_t window) {
     auto r = owned(xcb_translate_coordinates_reply(
@@ -133,7 +143,8 @@ class X11DialogTest : public ::testing::Test {
   }
   // Up, focused and drawn: ready for the user.
   void waitUntilReady() {
-    ASSERT_TRUE(waitFor([&] { return viewableAndFocused(seen().window); }));
+    ASSERT_TRUE(waitFor([&] { return viewableAndFocused(seen().window); }))
+        << focusReport(seen().window);
     ASSERT_TRUE(waitFor([&] { return focusDrawnOn(seen().focused); }));
   }
 
@@ -287,7 +298,7 @@ TEST_F(X11DialogTest, KeyboardAnswers) {
     const xcb_window_t window = seen().window;
     watch(window);
     type(row.strokes);
-    EXPECT_TRUE(answered(row.answer)) << "input focus on " << focus() << ", not " << window;
+    EXPECT_TRUE(answered(row.answer)) << focusReport(window);
     EXPECT_TRUE(waitForDestroyed(window)) << "an answered dialog closes";
   }
 }
@@ -397,7 +408,7 @@ TEST_F(X11DialogTest, TheSessionPromptShowsItsEnglishDefaultsAndEndsTheSessionOn
             xcb_query_tree_children(tree.get()) + xcb_query_tree_children_length(tree.get()));
     }
     return window != XCB_NONE && viewableAndFocused(window);
-  }));
+  })) << focusReport(window);
   EXPECT_EQ(property(window, atom("_NET_WM_NAME")), "Support Request");
   EXPECT_TRUE(waitFor([&] { return countPixels(window, {0, 0, 440, 60}, dark) > 100; }));
 
