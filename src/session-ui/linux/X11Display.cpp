@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include <cairo-xcb.h>
+
 #include "utils/Logging.h"
 
 namespace quorvix {
@@ -65,6 +67,10 @@ X11Display::X11Display(xcb_connection_t* connection,
 }
 
 X11Display::~X11Display() {
+  if (cairoDevice_) {
+    cairo_device_finish(cairoDevice_);
+    cairo_device_destroy(cairoDevice_);
+  }
   *stopping_ = true;
   if (reader_.joinable()) {
     if (isConnected()) {
@@ -101,7 +107,7 @@ void X11Display::startReader() {
     if (!*stopping)
       queue->post([weak] {
         if (auto self = weak.lock())
-          logger()->error("The X connection was lost; overlays and prompts are gone");
+          self->connectionLost();
       });
   });
 }
@@ -120,6 +126,14 @@ void X11Display::dispatch(const xcb_generic_event_t& event) {
   }
 }
 
+void X11Display::connectionLost() {
+  logger()->error("The X connection was lost; overlays and prompts are gone");
+  auto handlers = std::move(lostHandlers_);
+  lostHandlers_.clear();
+  for (auto& [id, handler] : handlers)
+    handler();
+}
+
 int X11Display::addEventHandler(EventHandler handler) {
   assert(mainQueue_->isCurrent());
   handlers_.emplace(nextHandler_, std::move(handler));
@@ -128,6 +142,28 @@ int X11Display::addEventHandler(EventHandler handler) {
 
 void X11Display::removeEventHandler(int id) {
   handlers_.erase(id);
+  lostHandlers_.erase(id);
+}
+
+int X11Display::addConnectionLostHandler(std::function<void()> handler) {
+  assert(mainQueue_->isCurrent());
+  lostHandlers_.emplace(nextHandler_, std::move(handler));
+  return nextHandler_++;
+}
+
+cairo_surface_t* X11Display::createCairoSurface(xcb_drawable_t drawable,
+                                                xcb_visualid_t visual,
+                                                int width,
+                                                int height) {
+  auto* type = const_cast<xcb_visualtype_t*>(visualType(visual));
+  if (!type)
+    return nullptr;
+  cairo_surface_t* surface = cairo_xcb_surface_create(connection_, drawable, type, width, height);
+  if (!cairoDevice_ && cairo_surface_status(surface) == CAIRO_STATUS_SUCCESS) {
+    if (cairo_device_t* device = cairo_surface_get_device(surface))
+      cairoDevice_ = cairo_device_reference(device);
+  }
+  return surface;
 }
 
 xcb_atom_t X11Display::atom(const char* name) {
@@ -148,6 +184,13 @@ bool X11Display::isComposited() {
   auto r = reply(xcb_get_selection_owner_reply(
       connection_, xcb_get_selection_owner(connection_, atom(name.c_str())), nullptr));
   return r && r->owner != XCB_NONE && argbVisual_ != 0;
+}
+
+bool X11Display::hasWindowManager() {
+  const std::string name = "WM_S" + std::to_string(screenNumber_);
+  auto r = reply(xcb_get_selection_owner_reply(
+      connection_, xcb_get_selection_owner(connection_, atom(name.c_str())), nullptr));
+  return r && r->owner != XCB_NONE;
 }
 
 const xcb_visualtype_t* X11Display::visualType(xcb_visualid_t visual) const {

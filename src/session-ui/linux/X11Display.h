@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include <cairo.h>
 #include <xcb/xcb.h>
 
 #include "quorvix/Executor.h"
@@ -41,6 +42,8 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   xcb_atom_t atom(const char* name);
   // A compositing manager owns _NET_WM_CM_S<screen>: 32-bit windows blend with what lies below.
   bool isComposited();
+  // A window manager owns WM_S<screen>: it places, stacks and focuses managed windows.
+  bool hasWindowManager();
   // A 32-bit TrueColor visual of the screen, or 0.
   xcb_visualid_t argbVisual() const { return argbVisual_; }
   const xcb_visualtype_t* visualType(xcb_visualid_t visual) const;
@@ -48,6 +51,16 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   // Handlers run on the main queue, in the order events arrive, until removed.
   int addEventHandler(EventHandler handler);
   void removeEventHandler(int id);
+  // Runs once on the main queue when the connection is lost (not when the display closes).
+  int addConnectionLostHandler(std::function<void()> handler);
+
+  // A cairo surface on `drawable`; the caller destroys it. All share the connection's cairo
+  // device, which the display finishes before it disconnects: cairo finds devices by connection
+  // address, so a later connection at the same address would otherwise inherit a dead one.
+  cairo_surface_t* createCairoSurface(xcb_drawable_t drawable,
+                                      xcb_visualid_t visual,
+                                      int width,
+                                      int height);
 
   // The library's own windows on this connection (overlays, the border, prompts), which keep
   // themselves above others without answering one another.
@@ -62,6 +75,7 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   X11Display(xcb_connection_t* connection, int screenNumber, std::shared_ptr<Executor> mainQueue);
   void startReader();
   void dispatch(const xcb_generic_event_t& event);
+  void connectionLost();
 
   xcb_connection_t* const connection_;
   const int screenNumber_;
@@ -71,9 +85,11 @@ class X11Display : public std::enable_shared_from_this<X11Display> {
   std::map<std::string, xcb_atom_t> atoms_;
   std::map<int, EventHandler> handlers_;
   std::set<xcb_window_t> ownWindows_;
+  std::map<int, std::function<void()>> lostHandlers_;
   int nextHandler_ = 1;
   // Woken at shutdown by an event sent to this window of our own.
   xcb_window_t wakeWindow_ = XCB_NONE;
+  cairo_device_t* cairoDevice_ = nullptr;
   const std::shared_ptr<std::atomic<bool>> stopping_ = std::make_shared<std::atomic<bool>>(false);
   std::thread reader_;
 };
