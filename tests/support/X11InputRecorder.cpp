@@ -8,6 +8,7 @@
 #include <xkbcommon/xkbcommon-x11.h>
 #include <xkbcommon/xkbcommon.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace quorvix::test {
@@ -114,7 +115,9 @@ bool X11InputRecorder::waitUntil(const std::function<bool()>& done,
     if (left.count() <= 0 || xcb_connection_has_error(conn_))
       return done();
     pollfd fd{xcb_get_file_descriptor(conn_), POLLIN, 0};
-    ::poll(&fd, 1, int(left.count()));
+    // Short slices, so that conditions on server state that sends this client no event are
+    // seen too.
+    ::poll(&fd, 1, int(std::min<std::chrono::milliseconds::rep>(left.count(), 10)));
   }
   return true;
 }
@@ -203,6 +206,20 @@ X11InputSnapshot snapshotInput(xcb_connection_t* c) {
   if (control)
     s.autoRepeats.assign(std::begin(control->auto_repeats), std::end(control->auto_repeats));
   return s;
+}
+
+void PrintTo(const X11InputSnapshot& s, std::ostream* os) {
+  std::size_t mapped = 0;
+  for (auto sym : s.keysyms)
+    mapped += sym != 0;
+  *os << "{" << mapped << " keysyms in " << s.keysymsPerKeycode << " columns, keys down:";
+  for (auto kc : s.keysDown)
+    *os << " " << int(kc);
+  *os << ", buttons 0x" << std::hex << s.buttonMask << std::dec << ", repeating:";
+  for (std::size_t kc = 0; kc < s.autoRepeats.size() * 8; ++kc)
+    if (!(s.autoRepeats[kc / 8] & (1 << (kc % 8))))
+      *os << " !" << kc;
+  *os << "}";
 }
 
 }  // namespace quorvix::test

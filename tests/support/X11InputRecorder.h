@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,8 @@ class X11InputRecorder {
   X11InputRecorder& operator=(const X11InputRecorder&) = delete;
 
   bool ok() const;
-  // Reads events until `done` holds or `limit` of real time has passed; returns done().
+  // Reads events until `done` holds or `limit` of real time has passed; returns done(). `done`
+  // may also ask the server about state that sends no event.
   bool waitUntil(const std::function<bool()>& done,
                  std::chrono::milliseconds limit = std::chrono::seconds(10));
   // Waits until the text typed so far is at least as long as `expected`; the text then.
@@ -70,5 +72,6 @@ struct X11InputSnapshot {
   friend bool operator==(const X11InputSnapshot&, const X11InputSnapshot&) = default;
 };
 X11InputSnapshot snapshotInput(xcb_connection_t* c);
+void PrintTo(const X11InputSnapshot& s, std::ostream* os);
 
 }  // namespace quorvix::test
