@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 #include <xkbcommon/xkbcommon-keysyms.h>
 
+#include "../support/ChildProcess.h"
 #include "../support/LogCapture.h"
 #include "../support/ManualExecutor.h"
 #include "../support/X11InputRecorder.h"
@@ -363,6 +364,41 @@ TEST(XTestInjectorWithoutServer, ReportsUnavailableAndDropsInput) {
   EXPECT_EQ(injector.pendingCount(), 0u);
   EXPECT_EQ(injector.pointerLocation(), (QRVPoint{0, 0}));
   EXPECT_TRUE(log.mentions("Cannot connect to the X display"));
+}
+
+// On a server of the test's own, since it goes away in the middle of the session.
+TEST(XTestInjectorLostServer, LogsTheLossDropsInputAndConnectsAgainLater) {
+  test::ScopedManualMainQueue main;
+  test::LogCapture log;
+  const std::vector<std::string> args = {"-screen", "0",        "640x480x24", "-nolisten",
+                                         "tcp",     "-noreset", "-displayfd", "1"};
+  auto start = [&](std::vector<std::string> argv) {
+    argv.insert(argv.end(), args.begin(), args.end());
+    return std::make_unique<test::ChildProcess>(argv);
+  };
+  auto server = start({"Xvfb"});
+  const auto number = server->readLine();
+  ASSERT_TRUE(number);
+  const std::string display = ":" + *number;
+  XTestInjector injector(display, main.get());
+  ASSERT_TRUE(injector.isAvailable());
+  injector.post(InjectedKeyEvent{"ShiftLeft", 56, true, std::nullopt, std::nullopt});
+
+  server.reset();
+  injector.post(InjectedMouseEvent{MouseEventType::moved, MouseButton::left, {5, 5}});
+  injector.post(InjectedKeyEvent{"KeyA", 0, true, 0u, std::string("a")});
+  EXPECT_FALSE(injector.isAvailable());
+  EXPECT_TRUE(log.mentions("Lost the X connection"));
+
+  // A server again on the same display: taken up once the retry interval has passed.
+  server = start({"Xvfb", display});
+  if (!server->readLine())
+    GTEST_SKIP() << display << " was taken by another server in the meantime";
+  EXPECT_FALSE(injector.isAvailable());
+  main->advanceSeconds(1);
+  ASSERT_TRUE(injector.isAvailable());
+  injector.post(InjectedMouseEvent{MouseEventType::moved, MouseButton::left, {10, 20}});
+  EXPECT_EQ(injector.pointerLocation(), (QRVPoint{10, 20}));
 }
 
 }  // namespace

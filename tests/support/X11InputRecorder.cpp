@@ -2,14 +2,13 @@
 
 #include <poll.h>
 #include <xcb/xcb.h>
-#define explicit explicit_
-#include <xcb/xkb.h>
-#undef explicit
 #include <xkbcommon/xkbcommon-x11.h>
 #include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
 #include <cstdlib>
+
+#include "remote-control/linux/XcbXkb.h"
 
 namespace quorvix::test {
 namespace {

@@ -1,10 +1,6 @@
 #include "remote-control/linux/XTestInjector.h"
 
 #include <xcb/xcb.h>
-// The XKB header names a field "explicit", a keyword in C++.
-#define explicit explicit_
-#include <xcb/xkb.h>
-#undef explicit
 #include <xcb/xtest.h>
 #include <xkbcommon/xkbcommon-x11.h>
 #include <xkbcommon/xkbcommon.h>
@@ -25,6 +21,7 @@
 
 #include "remote-control/linux/Keysyms.h"
 #include "remote-control/linux/XTestKeyTable.h"
+#include "remote-control/linux/XcbXkb.h"
 #include "utils/Logging.h"
 
 namespace quorvix {
@@ -56,7 +53,6 @@ struct ContextDeleter {
 };
 
 // Real modifier bits as X numbers them.
-constexpr std::uint32_t kShiftMask = XCB_MOD_MASK_SHIFT;
 constexpr std::uint32_t kControlMask = XCB_MOD_MASK_CONTROL;
 // Characters come in strings of one; a longer one is cut here.
 constexpr std::size_t kMaxCharactersPerEvent = 64;
@@ -221,10 +217,14 @@ class XTestInjector::Impl : public std::enable_shared_from_this<Impl> {
     int screenNumber = 0;
     conn_.reset(xcb_connect(display_.empty() ? nullptr : display_.c_str(), &screenNumber));
     if (xcb_connection_has_error(conn())) {
-      logger()->error("Cannot connect to the X display for input");
+      // Said once; retried quietly at most once a second.
+      if (!reportedConnectFailure_)
+        logger()->error("Cannot connect to the X display for input");
+      reportedConnectFailure_ = true;
       conn_.reset();
       return false;
     }
+    reportedConnectFailure_ = false;
     auto screens = xcb_setup_roots_iterator(xcb_get_setup(conn()));
     for (int i = 0; i < screenNumber && screens.rem; ++i)
       xcb_screen_next(&screens);
@@ -751,6 +751,7 @@ class XTestInjector::Impl : public std::enable_shared_from_this<Impl> {
   const Options options_;
   bool shutDown_ = false;
   std::optional<SteadyTime> lastConnectAttempt_;
+  bool reportedConnectFailure_ = false;
 
   std::unique_ptr<xcb_connection_t, ConnectionDeleter> conn_;
   xcb_window_t root_ = XCB_NONE;
