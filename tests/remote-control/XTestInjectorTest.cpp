@@ -297,6 +297,21 @@ TEST_F(XTestInjectorTest, ModifierChordsAndHeldShift) {
   EXPECT_EQ(now(), before);
 }
 
+TEST_F(XTestInjectorTest, CapsLockOnTheServerDoesNotChangeTheAgentsCharacters) {
+  startClient();
+  startSession();
+  key("keydown", "CapsLock", "CapsLock");
+  key("keyup", "CapsLock", "CapsLock");
+  ASSERT_TRUE(recorder->waitUntil([&] { return now().lockedMods & XCB_MOD_MASK_LOCK; }));
+  // What the agent's browser made of its keys under Caps Lock, and what it typed after.
+  type({{"KeyA", "A"}, {"KeyB", "b"}, {"KeyE", "é"}, {"Digit1", "1"}});
+  EXPECT_EQ(recorder->waitForText("Abé1"), "Abé1");
+  key("keydown", "CapsLock", "CapsLock");
+  key("keyup", "CapsLock", "CapsLock");
+  endSession();
+  EXPECT_EQ(now(), before);
+}
+
 TEST_F(XTestInjectorTest, AHeldKeyDoesNotRepeatAndRepeatsComeBackAfterwards) {
   startClient();
   startSession();

@@ -204,6 +204,12 @@ X11InputSnapshot snapshotInput(xcb_connection_t* c) {
       xcb_get_keyboard_control_reply(c, xcb_get_keyboard_control(c), nullptr));
   if (control)
     s.autoRepeats.assign(std::begin(control->auto_repeats), std::end(control->auto_repeats));
+  Reply<xcb_xkb_get_state_reply_t> state(
+      xcb_xkb_get_state_reply(c, xcb_xkb_get_state(c, XCB_XKB_ID_USE_CORE_KBD), nullptr));
+  if (state) {
+    s.lockedMods = state->lockedMods;
+    s.latchedMods = state->latchedMods;
+  }
   return s;
 }
 
@@ -218,7 +224,8 @@ void PrintTo(const X11InputSnapshot& s, std::ostream* os) {
   for (std::size_t kc = 0; kc < s.autoRepeats.size() * 8; ++kc)
     if (!(s.autoRepeats[kc / 8] & (1 << (kc % 8))))
       *os << " !" << kc;
-  *os << "}";
+  *os << ", locked 0x" << std::hex << int(s.lockedMods) << ", latched 0x" << int(s.latchedMods)
+      << std::dec << "}";
 }
 
 }  // namespace quorvix::test

@@ -69,6 +69,8 @@ struct X11InputSnapshot {
   std::vector<std::uint8_t> keysDown;  // keycodes held
   std::uint16_t buttonMask = 0;        // Button1..5 held
   std::vector<std::uint8_t> autoRepeats;
+  // Modifiers locked or latched through XKB (needs a connection that set XKB up).
+  std::uint8_t lockedMods = 0, latchedMods = 0;
   friend bool operator==(const X11InputSnapshot&, const X11InputSnapshot&) = default;
 };
 X11InputSnapshot snapshotInput(xcb_connection_t* c);
