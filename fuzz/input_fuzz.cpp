@@ -10,6 +10,8 @@
 #include "quorvix/CBOR.h"
 #include "quorvix/Log.h"
 #include "remote-control/QRVXTestRemoteControl.h"
+#include "remote-control/linux/Keysyms.h"
+#include "remote-control/linux/XTestKeyTable.h"
 #include "web-socket/CBORSocket.h"
 
 namespace {
@@ -54,6 +56,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (auto key = QRVKeyPress::from(*value)) {
     (void)key->isSingleCharacter();
+    // What the X11 backend makes of the typed text: bounded, and only valid code points.
+    const auto characters = codePoints(key->key(), 64);
+    if (characters.size() > 64)
+      std::abort();
+    for (char32_t c : characters) {
+      if (c > 0x10ffff || (c >= 0xd800 && c <= 0xdfff))
+        std::abort();
+      (void)keysymForCharacter(c);
+    }
+    (void)physicalKeyFor(key->code());
     control.injectKeyPress(*key);
   }
   return 0;
