@@ -3,9 +3,10 @@
 // open and encode a first picture, else libx264. Sessions take I420 and write Annex B with the
 // parameter sets in-band before every IDR picture.
 //
-// Threads: a session is used from one thread at a time (the stream's worker).
+// Threads: the backend and its sessions are used from one thread at a time (the stream's worker).
 #pragma once
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,12 @@ class LibavH264Backend final : public H264CodecBackend {
 
   // The H.264 encoders of the preference list that this libavcodec build offers, in order.
   static std::vector<std::string> availableEncoders();
+
+  static constexpr std::size_t kCandidateCount = 4;
+
+ private:
+  // Hardware encoders that failed to open for this backend, in preference order; not retried.
+  std::array<bool, kCandidateCount> unavailable_{};
 };
 
 }  // namespace quorvix
