@@ -4,6 +4,8 @@
 # desktop at 10 fps, runs encoder_bench on them (JPEG; H.264 at scale 1.0 and 0.5), then the peers
 # on the same recording (encoding only) and live (ffmpeg x11grab, capture included).
 # Usage: bench/encoders.sh BUILD_DIR   (a build configured with -DQRV_BUILD_BENCH=ON)
+# Peers' PSNR comes from ffmpeg's psnr filter (B, G, R together for JPEG; luma for H.264), as
+# encoder_bench measures its own.
 # Needs: xvfb xterm x11-apps x11-utils x11-xserver-utils ffmpeg time
 set -euo pipefail
 BUILD=$(cd "${1:?usage: encoders.sh BUILD_DIR}" && pwd)
@@ -25,10 +27,10 @@ raw=(-loglevel error -f rawvideo -pix_fmt bgr0 -video_size 1920x1080 -framerate 
 x264=(-c:v libx264 -preset ultrafast -tune zerolatency -b:v 512k)
 echo "== peers, on the recording: CPU ms/frame, bytes/frame, PSNR"
 /usr/bin/time -f "%U %S" -o "$WORK/t1" ffmpeg "${raw[@]}" -c:v mjpeg -q:v 5 -pix_fmt yuvj420p -f mjpeg -y "$WORK/peer.mjpeg"
-psnr=$(ffmpeg -loglevel info "${raw[@]}" -i "$WORK/peer.mjpeg" -lavfi "[1:v]format=bgr0[a];[a][0:v]psnr" -f null - 2>&1 | sed -n "s/.*average:\([0-9.]*\).*/\1/p")
+psnr=$(ffmpeg -loglevel info "${raw[@]}" -i "$WORK/peer.mjpeg" -lavfi "[1:v]settb=1,setpts=N,format=gbrp[a];[0:v]settb=1,setpts=N,format=gbrp[b];[a][b]psnr" -f null - 2>&1 | sed -n "s/.*PSNR r.*average:\([0-9.]*\).*/\1/p")
 echo "ffmpeg mjpeg -q:v 5         $(cpu_ms "$WORK/t1") $(bytes "$WORK/peer.mjpeg") ${psnr} (RGB)"
 /usr/bin/time -f "%U %S" -o "$WORK/t2" ffmpeg "${raw[@]}" "${x264[@]}" -f h264 -y "$WORK/peer.h264"
-psnr=$(ffmpeg -loglevel info "${raw[@]}" -i "$WORK/peer.h264" -lavfi "[0:v]format=yuv420p[r];[1:v][r]psnr" -f null - 2>&1 | sed -n "s/.*PSNR y:\([0-9.]*\).*/\1/p")
+psnr=$(ffmpeg -loglevel info "${raw[@]}" -i "$WORK/peer.h264" -lavfi "[0:v]settb=1,setpts=N,format=yuv420p[r];[1:v]settb=1,setpts=N[d];[d][r]psnr" -f null - 2>&1 | sed -n "s/.*PSNR y:\([0-9.]*\).*/\1/p")
 echo "ffmpeg x264 ultrafast 512k  $(cpu_ms "$WORK/t2") $(bytes "$WORK/peer.h264") ${psnr} (luma)"
 echo "== peers, live from x11grab (capture included)"
 /usr/bin/time -f "%U %S" -o "$WORK/t3" ffmpeg "${grab[@]}" -frames:v "$FRAMES" -c:v mjpeg -q:v 5 -pix_fmt yuvj420p -f mjpeg -y "$WORK/live.mjpeg"

@@ -31,7 +31,8 @@ class QRVH264Stream final : public QRVStreamEncoder {
   struct Environment {
     // The platform's backend when empty.
     std::shared_ptr<H264CodecBackend> backend;
-    // A thread of the stream's own when empty.
+    // A thread of the stream's own when empty. Work queued there keeps the stream's state alive
+    // until it has run, so the executor must run or drop what it was given.
     std::shared_ptr<Executor> worker;
     // Runs the slow-encoder check; the main queue when empty.
     std::shared_ptr<Executor> mainQueue;

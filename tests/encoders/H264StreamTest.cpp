@@ -40,6 +40,11 @@ class H264StreamTest : public ::testing::Test {
   void SetUp() override {
     stream_ = std::make_unique<QRVH264Stream>(QRVH264Stream::Environment{backend_, worker_, main_});
   }
+  // Queued work keeps a stream's core alive until it has run.
+  void TearDown() override {
+    stream_.reset();
+    worker_->runUntilIdle();
+  }
 
   // Hands the frame over without letting the worker run.
   std::shared_ptr<Answer> post(std::shared_ptr<QRVFrame> frame) {

@@ -120,6 +120,9 @@ TEST(JPEGStreamTest, ReusedBufferGrowsBeforeLargerPictures) {
     EXPECT_EQ(decoded->width, w);
     EXPECT_EQ(decoded->height, h);
   }
+  // Wider than the format allows: refused before any buffer is sized for it.
+  EXPECT_TRUE(compressor.compress(*noise(65501, 1)).empty());
+  EXPECT_EQ(compressor.capacity(), largest);
 }
 
 // TurboJPEG with the same settings, for comparison.

@@ -101,7 +101,8 @@ std::size_t LibjpegCompressor::bufferBound(int width, int height) {
 // errors unwind with longjmp.
 std::span<const std::uint8_t> LibjpegCompressor::compress(const QRVImage& image) {
   State& s = *state_;
-  if (!s.created)
+  // Larger pictures are beyond the format; refusing them here also bounds the buffer.
+  if (!s.created || image.width() > JPEG_MAX_DIMENSION || image.height() > JPEG_MAX_DIMENSION)
     return {};
   const std::size_t bound = bufferBound(image.width(), image.height());
   if (buffer_.size() < bound)
