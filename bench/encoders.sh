@@ -23,13 +23,13 @@ grab=(-loglevel error -f x11grab -framerate 10 -video_size 1920x1080 -i "$DISPLA
 ffmpeg "${grab[@]}" -frames:v "$FRAMES" -f rawvideo -pix_fmt bgr0 "$WORK/frames.bgrx"
 echo "== this library, on the recording (CPU includes BGRX to I420 for H.264)"
 "$BUILD/bench/encoder_bench" "$WORK/frames.bgrx" 1920 1080
-raw=(-loglevel error -f rawvideo -pix_fmt bgr0 -video_size 1920x1080 -framerate 10 -i "$WORK/frames.bgrx")
+raw=(-f rawvideo -pix_fmt bgr0 -video_size 1920x1080 -framerate 10 -i "$WORK/frames.bgrx")
 x264=(-c:v libx264 -preset ultrafast -tune zerolatency -b:v 512k)
 echo "== peers, on the recording: CPU ms/frame, bytes/frame, PSNR"
-/usr/bin/time -f "%U %S" -o "$WORK/t1" ffmpeg "${raw[@]}" -c:v mjpeg -q:v 5 -pix_fmt yuvj420p -f mjpeg -y "$WORK/peer.mjpeg"
+/usr/bin/time -f "%U %S" -o "$WORK/t1" ffmpeg -loglevel error "${raw[@]}" -c:v mjpeg -q:v 5 -pix_fmt yuvj420p -f mjpeg -y "$WORK/peer.mjpeg"
 psnr=$(ffmpeg -loglevel info "${raw[@]}" -i "$WORK/peer.mjpeg" -lavfi "[1:v]settb=1,setpts=N,format=gbrp[a];[0:v]settb=1,setpts=N,format=gbrp[b];[a][b]psnr" -f null - 2>&1 | sed -n "s/.*PSNR r.*average:\([0-9.]*\).*/\1/p")
 echo "ffmpeg mjpeg -q:v 5         $(cpu_ms "$WORK/t1") $(bytes "$WORK/peer.mjpeg") ${psnr} (RGB)"
-/usr/bin/time -f "%U %S" -o "$WORK/t2" ffmpeg "${raw[@]}" "${x264[@]}" -f h264 -y "$WORK/peer.h264"
+/usr/bin/time -f "%U %S" -o "$WORK/t2" ffmpeg -loglevel error "${raw[@]}" "${x264[@]}" -f h264 -y "$WORK/peer.h264"
 psnr=$(ffmpeg -loglevel info "${raw[@]}" -i "$WORK/peer.h264" -lavfi "[0:v]settb=1,setpts=N,format=yuv420p[r];[1:v]settb=1,setpts=N[d];[d][r]psnr" -f null - 2>&1 | sed -n "s/.*PSNR y:\([0-9.]*\).*/\1/p")
 echo "ffmpeg x264 ultrafast 512k  $(cpu_ms "$WORK/t2") $(bytes "$WORK/peer.h264") ${psnr} (luma)"
 echo "== peers, live from x11grab (capture included)"
