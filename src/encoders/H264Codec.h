@@ -63,7 +63,8 @@ class H264EncoderSession {
                                   bool forceKeyFrame,
                                   std::uint64_t frameId,
                                   bool& dropped) = 0;
-  // Pushes out the output of every picture presented up to `upTo`; of all when it is invalid.
+  // Pushes out the output of every picture presented up to `upTo`. An invalid time means all, to
+  // the end: the session is about to be freed and takes no picture afterwards.
   virtual void completeFrames(QRVTime upTo) = 0;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <limits>
 #include <map>
 #include <utility>
 
@@ -17,6 +18,7 @@ constexpr int kMaxEncodedRepeats = 5;
 constexpr double kMaxSoftwareWidth = 1920;
 constexpr double kMaxSoftwareHeight = 1080;
 constexpr auto kSlowEncoderDelay = std::chrono::milliseconds(300);
+constexpr QRVTime kEverythingSoFar{std::numeric_limits<std::int64_t>::max(), 1, QRVTime::kValid, 0};
 
 std::vector<H264PropertySetting> compressionProperties() {
   return {
@@ -199,7 +201,9 @@ void QRVH264Stream::Core::watchSlowEncoder(const std::shared_ptr<FrameContext>& 
     if (!self || !context || !self->running || context->encoded)
       return;
     self->log_->debug("encoder is slow, forcing output");
-    self->post([presentation](Core& core) { core.completeFrames(presentation); });
+    // A frame without a time pushes out everything so far, without ending the session.
+    const QRVTime upTo = presentation.isValid() ? presentation : kEverythingSoFar;
+    self->post([upTo](Core& core) { core.completeFrames(upTo); });
   });
 }
 

@@ -13,7 +13,7 @@ extern "C" {
 
 #include "encoders/EncoderTestSupport.h"
 #include "encoders/QRVH264Stream.h"
-#include "encoders/linux/LibavH264Backend.h"
+#include "encoders/linux/LibavH264Factory.h"
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
 
@@ -119,7 +119,7 @@ TEST_P(H264IntegrationTest, DecodesWithKeyFramesWhereTheyWereAskedFor) {
   std::printf("%dx%d at scale %.2f: lowest luma PSNR %.2f dB\n", c.width, c.height, c.scale,
               lowest);
   stream.destroy();
-  const auto available = LibavH264Backend::availableEncoders();
+  const auto available = LibavH264Factory::availableEncoders();
   bool logged = false;
   for (const auto& name : available)
     logged = logged || logs.contains(LogLevel::debug, "H264 encoder: " + name);

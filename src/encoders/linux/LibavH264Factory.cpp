@@ -1,4 +1,4 @@
-#include "encoders/linux/LibavH264Backend.h"
+#include "encoders/linux/LibavH264Factory.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ extern "C" {
 namespace quorvix {
 namespace {
 
-constexpr std::string_view kLogCategory = "LibavH264Backend";
+constexpr std::string_view kLogCategory = "LibavH264Factory";
 
 struct CodecContextDeleter {
   void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
@@ -46,14 +46,14 @@ using BufferRefPtr = std::unique_ptr<AVBufferRef, BufferRefDeleter>;
 
 enum class Kind { nvenc, vaapi, qsv, x264 };
 
-struct Candidate {
+struct EncoderInfo {
   const char* name;
   Kind kind;
   bool hardware;
   AVPixelFormat inputFormat;  // of the pictures handed to the encoder (uploaded for VAAPI)
 };
 
-constexpr std::array<Candidate, LibavH264Backend::kCandidateCount> kCandidates = {{
+constexpr std::array<EncoderInfo, LibavH264Factory::kCandidateCount> kCandidates = {{
     {"h264_nvenc", Kind::nvenc, true, AV_PIX_FMT_YUV420P},
     {"h264_vaapi", Kind::vaapi, true, AV_PIX_FMT_NV12},
     {"h264_qsv", Kind::qsv, true, AV_PIX_FMT_NV12},
@@ -105,7 +105,7 @@ int setPrivate(AVCodecContext* ctx, const char* key, const std::string& value) {
 
 // Maps one property onto the context (before it opens); 0 or the refusing error code.
 int applyProperty(AVCodecContext* ctx,
-                  const Candidate& c,
+                  const EncoderInfo& c,
                   const H264PropertySetting& setting,
                   Settings& settings) {
   const int invalid = AVERROR(EINVAL);
@@ -246,7 +246,7 @@ struct OpenedEncoder {
   int status = 0;
 };
 
-OpenedEncoder openEncoder(const Candidate& c,
+OpenedEncoder openEncoder(const EncoderInfo& c,
                           int width,
                           int height,
                           const std::vector<H264PropertySetting>& properties) {
@@ -317,7 +317,7 @@ OpenedEncoder openEncoder(const Candidate& c,
 
 class LibavH264Session final : public H264EncoderSession {
  public:
-  LibavH264Session(const Candidate& candidate,
+  LibavH264Session(const EncoderInfo& candidate,
                    OpenedEncoder opened,
                    int nominalWidth,
                    int nominalHeight,
@@ -385,6 +385,8 @@ class LibavH264Session final : public H264EncoderSession {
                           std::uint64_t frameId,
                           bool& dropped) override {
     dropped = false;
+    if (ended_)
+      return H264EncodeStatus::invalidSession;
     if (!fill(picture))
       return H264EncodeStatus::failed;
     const std::optional<double> seconds =
@@ -422,11 +424,14 @@ class LibavH264Session final : public H264EncoderSession {
     return drain() ? H264EncodeStatus::ok : H264EncodeStatus::invalidSession;
   }
 
-  // The encoders in use hold no picture back, so whatever is ready now is all there is.
-  void completeFrames(QRVTime) override { drain(); }
-
-  // Ends the stream and collects what the encoder still held; the session is done afterwards.
-  void flush() {
+  // Up to a time, what is ready now: the encoders in use are asked to hold nothing back. All of
+  // them: the encoder is drained to its end, and the session takes no picture afterwards.
+  void completeFrames(QRVTime upTo) override {
+    if (upTo.isValid() || ended_) {
+      drain();
+      return;
+    }
+    ended_ = true;
     if (avcodec_send_frame(context_.get(), nullptr) >= 0)
       drain();
   }
@@ -466,7 +471,7 @@ class LibavH264Session final : public H264EncoderSession {
     std::optional<double> seconds;
   };
 
-  const Candidate candidate_;
+  const EncoderInfo candidate_;
   CodecContextPtr context_;
   BufferRefPtr hardwareFrames_;
   const Settings settings_;
@@ -479,29 +484,12 @@ class LibavH264Session final : public H264EncoderSession {
   std::int64_t nextPts_ = 0;
   std::map<std::int64_t, Submitted> frameIds_;
   std::optional<double> lastKeySeconds_;
+  bool ended_ = false;
 };
-
-// Some drivers open and then fail at the first picture: a hardware encoder counts as opened only
-// once it has encoded a grey one.
-bool encodesFirstPicture(const Candidate& c, OpenedEncoder& opened, int width, int height) {
-  std::vector<std::uint8_t> grey(QRVPixelBuffer::byteCount(width, height), 128);
-  auto picture = QRVPixelBuffer::create(width, height, std::move(grey));
-  if (!picture)
-    return false;
-  bool produced = false;
-  LibavH264Session probe(c, std::move(opened), width, height,
-                         [&](std::uint64_t, int, H264Sample) { produced = true; });
-  bool dropped = false;
-  if (probe.encode(*picture, {}, true, 0, dropped) != H264EncodeStatus::ok)
-    return false;
-  if (!produced)
-    probe.flush();
-  return produced;
-}
 
 }  // namespace
 
-std::vector<std::string> LibavH264Backend::availableEncoders() {
+std::vector<std::string> LibavH264Factory::availableEncoders() {
   std::vector<std::string> names;
   for (const auto& c : kCandidates)
     if (avcodec_find_encoder_by_name(c.name))
@@ -509,57 +497,44 @@ std::vector<std::string> LibavH264Backend::availableEncoders() {
   return names;
 }
 
-H264SessionResult LibavH264Backend::createSession(
-    int width,
-    int height,
-    const std::vector<H264PropertySetting>& properties,
-    H264EncoderSession::OutputHandler output) {
+const std::vector<H264EncoderFactory::Candidate>& LibavH264Factory::candidates() const {
+  static const std::vector<Candidate> list = [] {
+    std::vector<Candidate> out;
+    for (const auto& c : kCandidates)
+      out.push_back({c.name, c.hardware});
+    return out;
+  }();
+  return list;
+}
+
+H264SessionResult LibavH264Factory::open(std::size_t index,
+                                         int width,
+                                         int height,
+                                         const std::vector<H264PropertySetting>& properties,
+                                         H264EncoderSession::OutputHandler output) {
   H264SessionResult result;
   // 4:2:0 needs even sides: the odd last column or row is cropped.
   const int evenWidth = width & ~1;
   const int evenHeight = height & ~1;
-  if (evenWidth <= 0 || evenHeight <= 0) {
+  if (index >= kCandidates.size() || evenWidth <= 0 || evenHeight <= 0) {
     result.status = AVERROR(EINVAL);
     return result;
   }
-  const auto log = QRV_LOGGER_FOR(kLogCategory);
-  bool tryHardware = true;
-  for (const auto& p : properties)
-    if (p.key == H264Property::enableHardwareAcceleration)
-      if (auto v = std::get_if<bool>(&p.value))
-        tryHardware = *v;
-  for (std::size_t i = 0; i < std::size(kCandidates); ++i) {
-    const Candidate& c = kCandidates[i];
-    if (c.hardware && (!tryHardware || unavailable_[i]))
-      continue;
-    OpenedEncoder opened = openEncoder(c, evenWidth, evenHeight, properties);
-    if (opened.status >= 0 && c.hardware) {
-      if (!encodesFirstPicture(c, opened, evenWidth, evenHeight)) {
-        log->debug("{} failed at its first picture", c.name);
-        unavailable_[i] = true;
-        continue;
-      }
-      opened = openEncoder(c, evenWidth, evenHeight, properties);
-    }
-    if (opened.status < 0) {
-      log->debug("{} unavailable: {}", c.name, errorText(opened.status));
-      result.status = opened.status;
-      // A hardware encoder that cannot open now will not later; libx264 is always tried.
-      if (c.hardware)
-        unavailable_[i] = true;
-      continue;
-    }
-    result.propertyStatus = opened.propertyStatus;
-    result.status = 0;
-    result.session =
-        std::make_unique<LibavH264Session>(c, std::move(opened), width, height, std::move(output));
+  const EncoderInfo& c = kCandidates[index];
+  OpenedEncoder opened = openEncoder(c, evenWidth, evenHeight, properties);
+  if (opened.status < 0) {
+    QRV_LOGGER_FOR(kLogCategory)->debug("{} unavailable: {}", c.name, errorText(opened.status));
+    result.status = opened.status;
     return result;
   }
+  result.propertyStatus = opened.propertyStatus;
+  result.session =
+      std::make_unique<LibavH264Session>(c, std::move(opened), width, height, std::move(output));
   return result;
 }
 
 std::shared_ptr<H264CodecBackend> makePlatformH264Backend() {
-  return std::make_shared<LibavH264Backend>();
+  return std::make_shared<ChoosingH264Backend>(std::make_unique<LibavH264Factory>());
 }
 
 }  // namespace quorvix
