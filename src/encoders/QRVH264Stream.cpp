@@ -260,7 +260,7 @@ void QRVH264Stream::Core::createEncoder() {
   }
   if (!session_->isHardwareAccelerated()) {
     log_->debug("The encoder is not hardware accelerated");
-    // Computed from the scaled size but applied to the frame size, as the first sessions did.
+    // Computed from the scaled size but applied to the frame size, so an earlier scale compounds.
     const double newScale = CalculateNewScale(outputWidth, outputHeight);
     if (newScale < scale) {
       setScale(newScale);
