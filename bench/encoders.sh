@@ -23,6 +23,8 @@ grab=(-loglevel error -f x11grab -framerate 10 -video_size 1920x1080 -i "$DISPLA
 ffmpeg "${grab[@]}" -frames:v "$FRAMES" -f rawvideo -pix_fmt bgr0 "$WORK/frames.bgrx"
 echo "== this library, on the recording (CPU includes BGRX to I420 for H.264)"
 "$BUILD/bench/encoder_bench" "$WORK/frames.bgrx" 1920 1080
+echo "== libx264 presets at the stream'"'"'s settings, on the recording (encoder CPU only)"
+"$BUILD/bench/x264_preset_bench" "$WORK/frames.bgrx" 1920 1080
 raw=(-f rawvideo -pix_fmt bgr0 -video_size 1920x1080 -framerate 10 -i "$WORK/frames.bgrx")
 x264=(-c:v libx264 -preset ultrafast -tune zerolatency -b:v 512k)
 echo "== peers, on the recording: CPU ms/frame, bytes/frame, PSNR"
