@@ -1,0 +1,37 @@
+#include "encoders/QRVJPEGStream.h"
+
+namespace quorvix {
+
+QRVJPEGStream::QRVJPEGStream(std::unique_ptr<JPEGCompressor> compressor)
+    : compressor_(compressor ? std::move(compressor) : makePlatformJPEGCompressor()) {}
+
+QRVJPEGStream::~QRVJPEGStream() {
+  destroy();
+}
+
+void QRVJPEGStream::encode(std::shared_ptr<QRVFrame> frame, Callback callback) {
+  if (!callback)
+    callback = [](std::optional<Bytes>) {};
+  if (!frame || (lastFrame_ && lastFrame_->sameAs(*frame))) {
+    callback(std::nullopt);
+    return;
+  }
+  // A picture that cannot be encoded still counts as sent: its bytes are simply empty.
+  Bytes bytes;
+  if (auto image = frame->image()) {
+    auto encoded = compressor_->compress(*image);
+    bytes.assign(encoded.begin(), encoded.end());
+  }
+  lastFrame_ = std::move(frame);
+  callback(std::move(bytes));
+}
+
+void QRVJPEGStream::reset() {
+  lastFrame_.reset();
+}
+
+void QRVJPEGStream::destroy() {
+  lastFrame_.reset();
+}
+
+}  // namespace quorvix

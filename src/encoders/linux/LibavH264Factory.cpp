@@ -1,0 +1,541 @@
+#include "encoders/linux/LibavH264Factory.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <optional>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/hwcontext.h>
+#include <libavutil/opt.h>
+}
+
+#include <libyuv/convert_from.h>
+#include <libyuv/planar_functions.h>
+#include <libyuv/scale.h>
+
+#include "utils/Logging.h"
+
+namespace quorvix {
+namespace {
+
+constexpr std::string_view kLogCategory = "LibavH264Factory";
+
+struct CodecContextDeleter {
+  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct FrameDeleter {
+  void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct PacketDeleter {
+  void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct BufferRefDeleter {
+  void operator()(AVBufferRef* b) const { av_buffer_unref(&b); }
+};
+using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
+using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
+using BufferRefPtr = std::unique_ptr<AVBufferRef, BufferRefDeleter>;
+
+enum class Kind { nvenc, vaapi, qsv, x264 };
+
+struct EncoderInfo {
+  const char* name;
+  Kind kind;
+  bool hardware;
+  AVPixelFormat inputFormat;  // of the pictures handed to the encoder (uploaded for VAAPI)
+};
+
+constexpr std::array<EncoderInfo, LibavH264Factory::kCandidateCount> kCandidates = {{
+    {"h264_nvenc", Kind::nvenc, true, AV_PIX_FMT_YUV420P},
+    {"h264_vaapi", Kind::vaapi, true, AV_PIX_FMT_NV12},
+    {"h264_qsv", Kind::qsv, true, AV_PIX_FMT_NV12},
+    {"libx264", Kind::x264, false, AV_PIX_FMT_YUV420P},
+}};
+
+// libx264's presets that write the High profile asked for, fastest first. "ultrafast" is left out:
+// it turns off CABAC and the 8x8 transform and writes Constrained Baseline whatever the profile.
+// Quality up to 0.5 takes the fastest, "superfast": on a recorded 1080p desktop at 512 kbit/s it
+// costs 6.6 ms of CPU a frame for 25.6 dB, against 8.2 ms and 26.0 dB for "veryfast" and 13-15 ms
+// and 26.7 dB for "faster" to "medium" (bench/x264_preset_bench); above 0.5, slower ones.
+constexpr const char* kX264Presets[] = {"superfast", "veryfast", "faster", "fast",
+                                        "medium",    "slow",     "slower"};
+
+const char* x264Preset(double quality) {
+  const double above = std::max(0.0, quality - 0.5) * 2;
+  return kX264Presets[std::lround(above * double(std::size(kX264Presets) - 1))];
+}
+
+std::string errorText(int code) {
+  char text[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(code, text, sizeof text);
+  return text;
+}
+
+// What the properties ask for beyond libavcodec's own options.
+struct Settings {
+  bool tryHardware = true;
+  double maxKeyIntervalSeconds = 0;  // 0: no time limit
+};
+
+template <typename T>
+std::optional<T> valueAs(const H264PropertySetting& setting) {
+  if (auto v = std::get_if<T>(&setting.value))
+    return *v;
+  if constexpr (std::is_same_v<T, double>) {
+    if (auto v = std::get_if<std::int64_t>(&setting.value))
+      return double(*v);
+  }
+  if constexpr (std::is_same_v<T, std::int64_t>) {
+    if (auto v = std::get_if<double>(&setting.value))
+      return std::int64_t(*v);
+  }
+  return std::nullopt;
+}
+
+int setPrivate(AVCodecContext* ctx, const char* key, const std::string& value) {
+  return av_opt_set(ctx->priv_data, key, value.c_str(), 0);
+}
+
+// Maps one property onto the context (before it opens); 0 or the refusing error code.
+int applyProperty(AVCodecContext* ctx,
+                  const EncoderInfo& c,
+                  const H264PropertySetting& setting,
+                  Settings& settings) {
+  const int invalid = AVERROR(EINVAL);
+  switch (setting.key) {
+    case H264Property::profileLevel: {
+      auto v = valueAs<std::string>(setting);
+      if (!v || *v != "high/auto")
+        return invalid;
+      ctx->profile = FF_PROFILE_H264_HIGH;
+      ctx->level = FF_LEVEL_UNKNOWN;
+      return setPrivate(ctx, "profile", "high");
+    }
+    case H264Property::quality: {
+      auto q = valueAs<double>(setting);
+      if (!q || !(*q >= 0 && *q <= 1))
+        return invalid;
+      switch (c.kind) {
+        case Kind::x264:
+          return setPrivate(ctx, "preset", x264Preset(*q));
+        case Kind::nvenc:
+          return setPrivate(ctx, "preset", "p" + std::to_string(1 + std::lround(*q * 6)));
+        case Kind::qsv:
+          return setPrivate(ctx, "preset", std::to_string(7 - std::lround(*q * 6)));
+        case Kind::vaapi:
+          ctx->compression_level = int(std::lround((1 - *q) * 7));
+          return 0;
+      }
+      return invalid;
+    }
+    case H264Property::allowFrameReordering: {
+      auto v = valueAs<bool>(setting);
+      if (!v)
+        return invalid;
+      if (!*v)
+        ctx->max_b_frames = 0;
+      return 0;
+    }
+    case H264Property::averageBitRate: {
+      auto v = valueAs<double>(setting);
+      if (!v || !(*v > 0))
+        return invalid;
+      ctx->bit_rate = std::int64_t(*v);
+      return 0;
+    }
+    case H264Property::realTime: {
+      auto v = valueAs<bool>(setting);
+      if (!v)
+        return invalid;
+      if (!*v)
+        return 0;
+      switch (c.kind) {
+        case Kind::x264:
+          return setPrivate(ctx, "tune", "zerolatency");
+        case Kind::nvenc:
+          return setPrivate(ctx, "zerolatency", "1");
+        case Kind::qsv:
+        case Kind::vaapi:
+          return setPrivate(ctx, "async_depth", "1");
+      }
+      return invalid;
+    }
+    case H264Property::expectedFrameRate: {
+      auto v = valueAs<std::int64_t>(setting);
+      if (!v || *v <= 0 || *v > 1000)
+        return invalid;
+      ctx->framerate = AVRational{int(*v), 1};
+      ctx->time_base = AVRational{1, int(*v)};
+      return 0;
+    }
+    case H264Property::maxKeyFrameInterval: {
+      auto v = valueAs<std::int64_t>(setting);
+      if (!v || *v <= 0 || *v > 100000)
+        return invalid;
+      ctx->gop_size = int(*v);
+      return 0;
+    }
+    case H264Property::maxKeyFrameIntervalDuration: {
+      auto v = valueAs<double>(setting);
+      if (!v || !(*v >= 0))
+        return invalid;
+      // libavcodec counts the interval in frames only; the session forces the time limit itself.
+      settings.maxKeyIntervalSeconds = *v;
+      return 0;
+    }
+    case H264Property::maxFrameDelayCount: {
+      auto v = valueAs<std::int64_t>(setting);
+      if (!v || *v != 0)
+        return invalid;
+      // Frame threads each hold a picture back; slices split one picture instead.
+      ctx->thread_type = FF_THREAD_SLICE;
+      switch (c.kind) {
+        case Kind::x264:
+          return setPrivate(ctx, "rc-lookahead", "0");
+        case Kind::nvenc:
+          return setPrivate(ctx, "delay", "0");
+        case Kind::qsv:
+          return setPrivate(ctx, "look_ahead", "0");
+        case Kind::vaapi:
+          return 0;
+      }
+      return invalid;
+    }
+    case H264Property::fieldCount: {
+      auto v = valueAs<std::int64_t>(setting);
+      if (!v || *v != 1)
+        return invalid;
+      ctx->field_order = AV_FIELD_PROGRESSIVE;
+      return 0;
+    }
+    case H264Property::enableHardwareAcceleration: {
+      auto v = valueAs<bool>(setting);
+      if (!v)
+        return invalid;
+      settings.tryHardware = *v;
+      return 0;
+    }
+  }
+  return invalid;
+}
+
+std::optional<std::string> openableRenderNode() {
+  for (int i = 128; i < 136; ++i) {
+    const std::string path = "/dev/dri/renderD" + std::to_string(i);
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd >= 0) {
+      ::close(fd);
+      return path;
+    }
+  }
+  return std::nullopt;
+}
+
+struct OpenedEncoder {
+  CodecContextPtr context;
+  BufferRefPtr hardwareFrames;
+  std::vector<int> propertyStatus;
+  Settings settings;
+  int status = 0;
+};
+
+OpenedEncoder openEncoder(const EncoderInfo& c,
+                          int width,
+                          int height,
+                          const std::vector<H264PropertySetting>& properties) {
+  OpenedEncoder opened;
+  const AVCodec* codec = avcodec_find_encoder_by_name(c.name);
+  if (!codec) {
+    opened.status = AVERROR_ENCODER_NOT_FOUND;
+    return opened;
+  }
+  BufferRefPtr device;
+  if (c.kind == Kind::vaapi) {
+    auto node = openableRenderNode();
+    if (!node) {
+      opened.status = AVERROR(ENODEV);
+      return opened;
+    }
+    AVBufferRef* created = nullptr;
+    opened.status =
+        av_hwdevice_ctx_create(&created, AV_HWDEVICE_TYPE_VAAPI, node->c_str(), nullptr, 0);
+    device.reset(created);
+    if (opened.status < 0)
+      return opened;
+  }
+  opened.context.reset(avcodec_alloc_context3(codec));
+  AVCodecContext* ctx = opened.context.get();
+  if (!ctx) {
+    opened.status = AVERROR(ENOMEM);
+    return opened;
+  }
+  ctx->width = width;
+  ctx->height = height;
+  ctx->pix_fmt = c.inputFormat;
+  ctx->time_base = AVRational{1, 10};
+  ctx->framerate = AVRational{10, 1};
+  // Parameter sets travel in-band before every IDR picture.
+  ctx->flags &= ~AV_CODEC_FLAG_GLOBAL_HEADER;
+  // libyuv's ARGBToI420, which makes the frames' I420 form, uses the BT.601 matrix at limited
+  // range; screen pixels are sRGB, whose primaries are BT.709's.
+  ctx->colorspace = AVCOL_SPC_SMPTE170M;
+  ctx->color_range = AVCOL_RANGE_MPEG;
+  ctx->color_primaries = AVCOL_PRI_BT709;
+  ctx->color_trc = AVCOL_TRC_IEC61966_2_1;
+  for (const auto& property : properties)
+    opened.propertyStatus.push_back(applyProperty(ctx, c, property, opened.settings));
+  // A requested key frame becomes an IDR picture, which a decoder can start from.
+  setPrivate(ctx, c.kind == Kind::qsv ? "forced_idr" : "forced-idr", "1");
+  if (c.kind == Kind::vaapi) {
+    opened.hardwareFrames.reset(av_hwframe_ctx_alloc(device.get()));
+    if (!opened.hardwareFrames) {
+      opened.status = AVERROR(ENOMEM);
+      return opened;
+    }
+    auto* frames = reinterpret_cast<AVHWFramesContext*>(opened.hardwareFrames->data);
+    frames->format = AV_PIX_FMT_VAAPI;
+    frames->sw_format = AV_PIX_FMT_NV12;
+    frames->width = width;
+    frames->height = height;
+    frames->initial_pool_size = 8;
+    opened.status = av_hwframe_ctx_init(opened.hardwareFrames.get());
+    if (opened.status < 0)
+      return opened;
+    ctx->pix_fmt = AV_PIX_FMT_VAAPI;
+    ctx->hw_frames_ctx = av_buffer_ref(opened.hardwareFrames.get());
+  }
+  opened.status = avcodec_open2(ctx, codec, nullptr);
+  return opened;
+}
+
+class LibavH264Session final : public H264EncoderSession {
+ public:
+  LibavH264Session(const EncoderInfo& candidate,
+                   OpenedEncoder opened,
+                   int nominalWidth,
+                   int nominalHeight,
+                   OutputHandler output)
+      : candidate_(candidate),
+        context_(std::move(opened.context)),
+        hardwareFrames_(std::move(opened.hardwareFrames)),
+        settings_(opened.settings),
+        nominalWidth_(nominalWidth),
+        nominalHeight_(nominalHeight),
+        output_(std::move(output)),
+        frame_(av_frame_alloc()),
+        packet_(av_packet_alloc()) {}
+
+  std::string name() const override { return candidate_.name; }
+  bool isHardwareAccelerated() const override { return candidate_.hardware; }
+
+  // Makes the encoder's picture from an I420 one; false when it cannot.
+  bool fill(const QRVPixelBuffer& picture) {
+    AVCodecContext* ctx = context_.get();
+    if (!frame_->buf[0]) {
+      frame_->format = candidate_.inputFormat;
+      frame_->width = ctx->width;
+      frame_->height = ctx->height;
+      if (av_frame_get_buffer(frame_.get(), 32) < 0)
+        return false;
+    }
+    if (av_frame_make_writable(frame_.get()) < 0)
+      return false;
+    const int w = ctx->width;
+    const int h = ctx->height;
+    const std::uint8_t* y = picture.dataY();
+    const std::uint8_t* u = picture.dataU();
+    const std::uint8_t* v = picture.dataV();
+    int strideY = picture.strideY();
+    int strideUV = picture.strideUV();
+    // A picture at the session's size is cropped to the encoder's even size; any other is scaled.
+    if (picture.width() != nominalWidth_ || picture.height() != nominalHeight_ ||
+        picture.width() < w || picture.height() < h) {
+      scaled_.resize(QRVPixelBuffer::byteCount(w, h));
+      std::uint8_t* sy = scaled_.data();
+      std::uint8_t* su = sy + std::size_t(w) * h;
+      std::uint8_t* sv = su + std::size_t(w / 2) * (h / 2);
+      if (libyuv::I420Scale(y, strideY, u, strideUV, v, strideUV, picture.width(), picture.height(),
+                            sy, w, su, w / 2, sv, w / 2, w, h, libyuv::kFilterBox) != 0)
+        return false;
+      y = sy;
+      u = su;
+      v = sv;
+      strideY = w;
+      strideUV = w / 2;
+    }
+    if (candidate_.inputFormat == AV_PIX_FMT_NV12)
+      return libyuv::I420ToNV12(y, strideY, u, strideUV, v, strideUV, frame_->data[0],
+                                frame_->linesize[0], frame_->data[1], frame_->linesize[1], w,
+                                h) == 0;
+    return libyuv::I420Copy(y, strideY, u, strideUV, v, strideUV, frame_->data[0],
+                            frame_->linesize[0], frame_->data[1], frame_->linesize[1],
+                            frame_->data[2], frame_->linesize[2], w, h) == 0;
+  }
+
+  H264EncodeStatus encode(const QRVPixelBuffer& picture,
+                          const QRVSampleTiming& timing,
+                          bool forceKeyFrame,
+                          std::uint64_t frameId,
+                          bool& dropped) override {
+    dropped = false;
+    if (ended_)
+      return H264EncodeStatus::invalidSession;
+    if (!fill(picture))
+      return H264EncodeStatus::failed;
+    const std::optional<double> seconds =
+        timing.presentationTimeStamp.isValid() && timing.presentationTimeStamp.timescale > 0
+            ? std::optional(double(timing.presentationTimeStamp.value) /
+                            timing.presentationTimeStamp.timescale)
+            : std::nullopt;
+    if (seconds && lastKeySeconds_ && settings_.maxKeyIntervalSeconds > 0 &&
+        *seconds - *lastKeySeconds_ >= settings_.maxKeyIntervalSeconds)
+      forceKeyFrame = true;
+    frame_->pts = nextPts_++;
+    frame_->pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    frameIds_[frame_->pts] = {frameId, seconds};
+    int rc;
+    if (hardwareFrames_) {
+      FramePtr uploaded(av_frame_alloc());
+      rc = uploaded ? av_hwframe_get_buffer(hardwareFrames_.get(), uploaded.get(), 0)
+                    : AVERROR(ENOMEM);
+      if (rc >= 0)
+        rc = av_hwframe_transfer_data(uploaded.get(), frame_.get(), 0);
+      if (rc >= 0) {
+        uploaded->pts = frame_->pts;
+        uploaded->pict_type = frame_->pict_type;
+        rc = avcodec_send_frame(context_.get(), uploaded.get());
+      }
+    } else {
+      rc = avcodec_send_frame(context_.get(), frame_.get());
+    }
+    if (rc < 0) {
+      frameIds_.erase(frame_->pts);
+      QRV_LOGGER_FOR(kLogCategory)
+          ->error("{}: sending a picture failed: {}", name(), errorText(rc));
+      return H264EncodeStatus::invalidSession;
+    }
+    return drain() ? H264EncodeStatus::ok : H264EncodeStatus::invalidSession;
+  }
+
+  // Up to a time, what is ready now: the encoders in use are asked to hold nothing back. All of
+  // them: the encoder is drained to its end, and the session takes no picture afterwards.
+  void completeFrames(QRVTime upTo) override {
+    if (upTo.isValid() || ended_) {
+      drain();
+      return;
+    }
+    ended_ = true;
+    if (avcodec_send_frame(context_.get(), nullptr) >= 0)
+      drain();
+  }
+
+ private:
+  bool drain() {
+    for (;;) {
+      const int rc = avcodec_receive_packet(context_.get(), packet_.get());
+      if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF)
+        return true;
+      if (rc < 0) {
+        QRV_LOGGER_FOR(kLogCategory)
+            ->error("{}: receiving a picture failed: {}", name(), errorText(rc));
+        return false;
+      }
+      const bool key = (packet_->flags & AV_PKT_FLAG_KEY) != 0;
+      H264Sample sample = sampleFromAnnexB({packet_->data, std::size_t(packet_->size)}, key);
+      if (key && sample.parameterSets.empty() && context_->extradata) {
+        for (auto unit : splitAnnexB({context_->extradata, std::size_t(context_->extradata_size)}))
+          sample.parameterSets.emplace_back(unit.begin(), unit.end());
+      }
+      std::uint64_t frameId = 0;
+      auto found = frameIds_.find(packet_->pts);
+      if (found != frameIds_.end()) {
+        frameId = found->second.frameId;
+        if (key && found->second.seconds)
+          lastKeySeconds_ = found->second.seconds;
+        frameIds_.erase(found);
+      }
+      av_packet_unref(packet_.get());
+      output_(frameId, 0, std::move(sample));
+    }
+  }
+
+  struct Submitted {
+    std::uint64_t frameId;
+    std::optional<double> seconds;
+  };
+
+  const EncoderInfo candidate_;
+  CodecContextPtr context_;
+  BufferRefPtr hardwareFrames_;
+  const Settings settings_;
+  const int nominalWidth_;
+  const int nominalHeight_;
+  const OutputHandler output_;
+  FramePtr frame_;
+  PacketPtr packet_;
+  std::vector<std::uint8_t> scaled_;
+  std::int64_t nextPts_ = 0;
+  std::map<std::int64_t, Submitted> frameIds_;
+  std::optional<double> lastKeySeconds_;
+  bool ended_ = false;
+};
+
+}  // namespace
+
+std::vector<std::string> LibavH264Factory::availableEncoders() {
+  std::vector<std::string> names;
+  for (const auto& c : kCandidates)
+    if (avcodec_find_encoder_by_name(c.name))
+      names.emplace_back(c.name);
+  return names;
+}
+
+const std::vector<H264EncoderFactory::Candidate>& LibavH264Factory::candidates() const {
+  static const std::vector<Candidate> list = [] {
+    std::vector<Candidate> out;
+    for (const auto& c : kCandidates)
+      out.push_back({c.name, c.hardware});
+    return out;
+  }();
+  return list;
+}
+
+H264SessionResult LibavH264Factory::open(std::size_t index,
+                                         int width,
+                                         int height,
+                                         const std::vector<H264PropertySetting>& properties,
+                                         H264EncoderSession::OutputHandler output) {
+  H264SessionResult result;
+  // 4:2:0 needs even sides: the odd last column or row is cropped.
+  const int evenWidth = width & ~1;
+  const int evenHeight = height & ~1;
+  if (index >= kCandidates.size() || evenWidth <= 0 || evenHeight <= 0) {
+    result.status = AVERROR(EINVAL);
+    return result;
+  }
+  const EncoderInfo& c = kCandidates[index];
+  OpenedEncoder opened = openEncoder(c, evenWidth, evenHeight, properties);
+  if (opened.status < 0) {
+    QRV_LOGGER_FOR(kLogCategory)->debug("{} unavailable: {}", c.name, errorText(opened.status));
+    result.status = opened.status;
+    return result;
+  }
+  result.propertyStatus = opened.propertyStatus;
+  result.session =
+      std::make_unique<LibavH264Session>(c, std::move(opened), width, height, std::move(output));
+  return result;
+}
+
+std::shared_ptr<H264CodecBackend> makePlatformH264Backend() {
+  return std::make_shared<ChoosingH264Backend>(std::make_unique<LibavH264Factory>());
+}
+
+}  // namespace quorvix
