@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "frameloop/QRVScreen.h"
 #include "quorvix/QRVKeyPress.h"
 #include "quorvix/QRVMouseEvent.h"
 #include "quorvix/QRVSession.h"
@@ -17,12 +18,6 @@
 #include "remote-control/QRVKeyCodeMap.h"
 
 namespace quorvix {
-
-// A screen's rectangle in root-window coordinates.
-struct QRVScreenRect {
-  double x = 0, y = 0, width = 0, height = 0;
-  friend bool operator==(const QRVScreenRect&, const QRVScreenRect&) = default;
-};
 
 class QRVRemoteControl {
  public:
