@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <mutex>
 
 #include "redaction/QRVSelectorParser.h"
 #include "utils/Logging.h"
@@ -14,7 +15,26 @@ std::shared_ptr<spdlog::logger> logger() {
   return log;
 }
 
+std::mutex factoryMutex;
+QRVSessionContextFactory& customFactory() {
+  static QRVSessionContextFactory factory;
+  return factory;
+}
+
 }  // namespace
+
+// Defined by the platform's context.
+QRVSessionContextFactory platformSessionContextFactory();
+
+QRVSessionContextFactory sessionContextFactory() {
+  std::lock_guard lock(factoryMutex);
+  return customFactory() ? customFactory() : platformSessionContextFactory();
+}
+
+void setSessionContextFactory(QRVSessionContextFactory factory) {
+  std::lock_guard lock(factoryMutex);
+  customFactory() = std::move(factory);
+}
 
 QRVSessionContext::QRVSessionContext(std::shared_ptr<QRVSessionResource> session,
                                      std::shared_ptr<Executor> mainQueue)

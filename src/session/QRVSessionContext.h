@@ -117,4 +117,12 @@ class QRVSessionContext : public QRVFrameLoopDelegate,
   std::weak_ptr<QRVSessionContextDelegate> contextDelegate_;
 };
 
+// Makes the platform's context for a session; empty until the platform installs its own.
+using QRVSessionContextFactory = std::function<std::shared_ptr<QRVSessionContext>(
+    std::shared_ptr<QRVSessionResource> session,
+    std::weak_ptr<QRVSessionContextDelegate> contextDelegate)>;
+QRVSessionContextFactory sessionContextFactory();
+// Tests install a context of their own; an empty factory restores the platform's.
+void setSessionContextFactory(QRVSessionContextFactory factory);
+
 }  // namespace quorvix
