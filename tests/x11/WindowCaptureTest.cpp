@@ -1,6 +1,7 @@
 // The window source against real X servers, with and without a window manager: the host's own
 // windows read back pixel for pixel wherever other windows cover them, windows claimed by process
-// id or registered, scaling, a closed window, a resized screen and a killed server.
+// id or registered, scaling, a closed window, a resized screen, a compositor that paints late and a
+// killed server.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -230,6 +231,50 @@ TEST_F(WindowCaptureTest, MainScreenShrinkingIsFollowed) {
   EXPECT_EQ(pixelAt(*small, 120, 120), 0x123456u);
   ASSERT_EQ(runOnTestDisplay(kFullSize), 0);
   EXPECT_NE(frameWhere(*source_, [](const QRVFrame& f) { return f.width() == 1920; }), nullptr);
+}
+
+// A compositing manager paints the screen when it gets round to it; here one that never does, on
+// a server of the test's own. Drawing by the host's windows and on the published background shows
+// at the next capture all the same, and the compositor painting the root is no change.
+TEST(WindowCaptureCompositorTest, DrawingShowsBeforeTheCompositorPaintsAndItsPaintingIsNoChange) {
+  ChildProcess server(
+      {"Xvfb", "-displayfd", "1", "-screen", "0", "320x240x24", "-nolisten", "tcp", "-noreset"});
+  auto number = server.readLine();
+  ASSERT_TRUE(number.has_value()) << "Xvfb did not start";
+  const std::string display = ":" + *number;
+  X11TestClient compositor(display);
+  ASSERT_TRUE(compositor.redirectManually());
+  X11TestClient client(display);
+  const xcb_window_t w = client.createWindow(100, 100, 64, 64, [](int, int) { return 0x808080; });
+  auto capturer = WindowCapturer::createX11(display, std::make_shared<QRVWindowRegistry>());
+  ASSERT_NE(capturer, nullptr);
+  // The cursor's first picture is news too: wait for an image handed out twice.
+  std::shared_ptr<const QRVImage> previous = capturer->capture(nullptr, 1.0);
+  std::shared_ptr<const QRVImage> held;
+  for (int i = 0; i < 10 && !held; ++i) {
+    auto image = capturer->capture(nullptr, 1.0);
+    if (image && image == previous)
+      held = image;
+    previous = image;
+  }
+  ASSERT_NE(held, nullptr);
+  EXPECT_EQ(pixelAt(QRVFrame(held), 110, 110), 0x808080u);
+  compositor.fill(compositor.root(), 0x00ff00, 0, 0, 320, 240);
+  EXPECT_EQ(capturer->capture(nullptr, 1.0), held) << "the compositor's painting is new";
+
+  client.fill(w, 0x10e020, 8, 8, 16, 16);
+  const auto drawn = capturer->capture(nullptr, 1.0);
+  ASSERT_NE(drawn, nullptr);
+  EXPECT_EQ(pixelAt(QRVFrame(drawn), 110, 110), 0x10e020u);
+
+  const xcb_pixmap_t background = client.publishBackground(0x203040);
+  const auto published = capturer->capture(nullptr, 1.0);
+  ASSERT_NE(published, nullptr);
+  EXPECT_EQ(pixelAt(QRVFrame(published), 10, 10), 0x203040u);
+  client.fill(background, 0x405060, 0, 0, 32, 32);
+  const auto redrawn = capturer->capture(nullptr, 1.0);
+  ASSERT_NE(redrawn, nullptr);
+  EXPECT_EQ(pixelAt(QRVFrame(redrawn), 10, 10), 0x405060u);
 }
 
 TEST(WindowCaptureServerLossTest, KilledServerEndsInALogLine) {

@@ -15,6 +15,7 @@
 
 #include <unistd.h>
 
+#include <xcb/composite.h>
 #include <xcb/xcb.h>
 #include <xcb/xtest.h>
 
@@ -109,7 +110,7 @@ class X11TestClient {
     return reply ? std::pair<int, int>{reply->dst_x, reply->dst_y} : std::pair<int, int>{-1, -1};
   }
 
-  void fill(xcb_window_t window, std::uint32_t rgb, int x, int y, int width, int height) {
+  void fill(xcb_drawable_t window, std::uint32_t rgb, int x, int y, int width, int height) {
     const xcb_gcontext_t gc = xcb_generate_id(c_);
     xcb_create_gc(c_, gc, window, XCB_GC_FOREGROUND, &rgb);
     const xcb_rectangle_t rect{std::int16_t(x), std::int16_t(y), std::uint16_t(width),
@@ -117,6 +118,32 @@ class X11TestClient {
     xcb_poly_fill_rectangle(c_, window, gc, 1, &rect);
     xcb_free_gc(c_, gc);
     sync();
+  }
+
+  // Takes the root's windows off the screen, as a compositing manager does; nothing paints them
+  // back while this client lives. False when another client did so first.
+  bool redirectManually() {
+    xcb_generic_error_t* error = xcb_request_check(
+        c_, xcb_composite_redirect_subwindows_checked(c_, root(), XCB_COMPOSITE_REDIRECT_MANUAL));
+    std::free(error);
+    return error == nullptr;
+  }
+
+  // A pixmap of the root's size in one colour, published as the desktop background; draw on it
+  // with fill().
+  xcb_pixmap_t publishBackground(std::uint32_t rgb) {
+    const xcb_screen_t* s = screen();
+    const xcb_pixmap_t pixmap = xcb_generate_id(c_);
+    xcb_create_pixmap(c_, s->root_depth, pixmap, s->root, s->width_in_pixels, s->height_in_pixels);
+    fill(pixmap, rgb, 0, 0, s->width_in_pixels, s->height_in_pixels);
+    static constexpr char kName[] = "_XROOTPMAP_ID";
+    std::unique_ptr<xcb_intern_atom_reply_t, decltype(&free)> atom(
+        xcb_intern_atom_reply(c_, xcb_intern_atom(c_, 0, sizeof kName - 1, kName), nullptr), &free);
+    if (atom)
+      xcb_change_property(c_, XCB_PROP_MODE_REPLACE, s->root, atom->atom, XCB_ATOM_PIXMAP, 32, 1,
+                          &pixmap);
+    sync();
+    return pixmap;
   }
 
   void destroy(xcb_window_t window) {

@@ -99,8 +99,8 @@ std::shared_ptr<const QRVScreen> readMainScreen(const XcbConnection& c) {
       rate);
 }
 
-bool selectScreenChanges(const XcbConnection& c) {
-  const std::uint32_t mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+bool selectScreenChanges(const XcbConnection& c, std::uint32_t rootEvents) {
+  const std::uint32_t mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY | rootEvents;
   c.check(xcb_change_window_attributes_checked(c.get(), c.root(), XCB_CW_EVENT_MASK, &mask),
           "select root structure notifications");
   if (!hasRandr(c, 2))

@@ -1,6 +1,7 @@
 // Reading the main screen of an X display. Runs on the calling thread, on its connection.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "frameloop/QRVScreen.h"
@@ -13,8 +14,9 @@ namespace quorvix::x11 {
 std::shared_ptr<const QRVScreen> readMainScreen(const XcbConnection& c);
 
 // Asks for RandR screen, CRTC and output change notifications and the root's structure
-// notifications on this connection; false when RandR is absent.
-bool selectScreenChanges(const XcbConnection& c);
+// notifications on this connection; false when RandR is absent. A selection replaces the
+// connection's last one, so `rootEvents` carries whatever else the caller wants on the root.
+bool selectScreenChanges(const XcbConnection& c, std::uint32_t rootEvents = 0);
 
 // Whether an event read from a connection set up with selectScreenChanges() may mean a new layout.
 bool isScreenChangeEvent(const XcbConnection& c, const xcb_generic_event_t& event);

@@ -1,6 +1,9 @@
 // The X11 window capturer. The host's top-level windows are kept in a list in stacking order,
 // maintained from the root's structure notifications; each window's contents come from the
 // off-screen pixmap that Composite keeps for it, so whatever lies over it on screen never shows.
+// Changes are watched on what is read (the host's windows, the desktop window, the root pixmap),
+// never on the root: a compositing manager paints the root late, when it gets round to it, and
+// its painting of other windows is no change to the capture.
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,7 +45,11 @@ struct TopLevel {
   xcb_window_t id = XCB_NONE;
   QRVScreenRect rect;  // outer, border included, in root coordinates
   bool mapped = false;
-  std::optional<bool> own;  // unknown until first needed while mapped
+  std::optional<bool> own;                // unknown until first needed while mapped
+  xcb_damage_damage_t damage = XCB_NONE;  // made when the window is first read
+  bool damaged = false;                   // a notification came since the last capture
+  // The low bits of the request that made `damage`, while its first report may be pending.
+  std::optional<std::uint16_t> created;
 };
 
 class X11WindowCapturer final : public WindowCapturer {
@@ -61,7 +68,8 @@ class X11WindowCapturer final : public WindowCapturer {
                       xcb_composite_query_version(c_->get(), 0, 4), "Composite version"))
       return false;
     // Before the redirect, so that no top-level window is missed between the scan and the events.
-    const std::uint32_t mask = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    const std::uint32_t mask = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY |
+                               XCB_EVENT_MASK_STRUCTURE_NOTIFY | XCB_EVENT_MASK_PROPERTY_CHANGE;
     if (!c_->check(
             xcb_change_window_attributes_checked(c_->get(), c_->root(), XCB_CW_EVENT_MASK, &mask),
             "select root substructure notifications"))
@@ -70,7 +78,7 @@ class X11WindowCapturer final : public WindowCapturer {
                                                              XCB_COMPOSITE_REDIRECT_AUTOMATIC),
                    "Composite redirect"))
       return false;
-    x11::selectScreenChanges(*c_);
+    x11::selectScreenChanges(*c_, mask);
     hasRes_ = c_->hasExtension(&xcb_res_id) &&
               x11::replyOf(*c_, xcb_res_query_version_reply, xcb_res_query_version(c_->get(), 1, 2),
                            "X-Resource version");
@@ -188,52 +196,77 @@ class X11WindowCapturer final : public WindowCapturer {
         continue;
       if (!t.own)
         t.own = ownsTopLevel(t.id);
-      if (*t.own)
+      if (*t.own) {
+        watch(t);
         drawWindow(t, area, true);
+      }
     }
   }
 
-  // Damage on the root: with the windows redirected, whatever they draw reaches the screen as
-  // drawing on the root.
+  // Damage is watched per drawable read: see watch() and watchBackground().
   void setUpDamage() {
-    if (!c_->hasExtension(&xcb_damage_id) || !hasXFixes_ ||
+    if (!c_->hasExtension(&xcb_damage_id) ||
         !x11::replyOf(*c_, xcb_damage_query_version_reply,
                       xcb_damage_query_version(c_->get(), 1, 1), "DAMAGE version")) {
       detector_.startPolling();
       return;
     }
+    hasDamage_ = true;
     damageEvent_ =
         xcb_get_extension_data(c_->get(), &xcb_damage_id)->first_event + XCB_DAMAGE_NOTIFY;
-    region_ = xcb_generate_id(c_->get());
-    damage_ = xcb_generate_id(c_->get());
-    if (!c_->check(xcb_xfixes_create_region_checked(c_->get(), region_, 0, nullptr),
-                   "damage region") ||
-        !c_->check(xcb_damage_create_checked(c_->get(), damage_, c_->root(),
-                                             XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY),
-                   "damage create")) {
-      damage_ = XCB_NONE;
-      detector_.startPolling();
-    }
   }
 
-  // Whether the area was drawn on since the last call.
+  // Notifications of drawing on the window from now on, before it is read, so that nothing drawn
+  // after the read goes unseen. Drawing in its children counts: they share its pixmap.
+  void watch(TopLevel& t) {
+    if (!hasDamage_ || t.damage != XCB_NONE)
+      return;
+    t.damage = xcb_generate_id(c_->get());
+    // Unchecked: a window closing meanwhile answers with an error that drain() logs.
+    t.created = std::uint16_t(
+        xcb_damage_create(c_->get(), t.damage, t.id, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY).sequence);
+    // The server reports a new damage as the whole window; that and whatever was drawn before
+    // this subtraction is in the read that follows, so their notification is no change.
+    xcb_damage_subtract(c_->get(), t.damage, XCB_NONE, XCB_NONE);
+  }
+
+  // The same for the root pixmap, which its owner may draw on in place.
+  void watchBackground(xcb_pixmap_t pixmap) {
+    if (!hasDamage_ || pixmap == backgroundPixmap_)
+      return;
+    if (backgroundDamage_ != XCB_NONE)
+      xcb_damage_destroy(c_->get(), backgroundDamage_);
+    backgroundPixmap_ = pixmap;
+    backgroundDamage_ = xcb_generate_id(c_->get());
+    xcb_damage_create(c_->get(), backgroundDamage_, pixmap, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
+  }
+
+  // Whether what lies in the area was drawn on since the last call. Every notified damage is
+  // emptied, which asks the server for the next notification.
   bool takeDamage(const QRVScreenRect& area) {
-    if (damage_ == XCB_NONE)
+    if (!hasDamage_)
       return true;
-    if (!std::exchange(damageSeen_, false))
-      return false;
-    if (!c_->check(xcb_damage_subtract_checked(c_->get(), damage_, XCB_NONE, region_),
-                   "damage subtract"))
-      return true;
-    auto region = x11::replyOf(*c_, xcb_xfixes_fetch_region_reply,
-                               xcb_xfixes_fetch_region(c_->get(), region_), "damage region");
-    if (!region)
-      return true;
-    const xcb_rectangle_t* rects = xcb_xfixes_fetch_region_rectangles(region.get());
-    for (int i = 0; i < xcb_xfixes_fetch_region_rectangles_length(region.get()); ++i)
-      if (intersects(area, {rects[i].x, rects[i].y, rects[i].width, rects[i].height}))
-        return true;
-    return false;
+    bool damaged = false;
+    if (std::exchange(backgroundDamaged_, false)) {
+      xcb_damage_subtract(c_->get(), backgroundDamage_, XCB_NONE, XCB_NONE);
+      damaged = true;
+    }
+    for (auto& t : stack_) {
+      t.created.reset();  // its first report, if any, came with the round trip before this
+      if (!std::exchange(t.damaged, false))
+        continue;
+      xcb_damage_subtract(c_->get(), t.damage, XCB_NONE, XCB_NONE);
+      if (t.mapped && (t.own.value_or(false) || t.id == desktopWindow_) && intersects(area, t.rect))
+        damaged = true;
+    }
+    return damaged;
+  }
+
+  // A window leaving the list: its damage goes with it, by the server when the window is gone.
+  void forget(xcb_window_t id, bool destroyed) {
+    if (auto* t = find(id); t && t->damage != XCB_NONE && !destroyed)
+      xcb_damage_destroy(c_->get(), t->damage);
+    erase(id);
   }
 
   static bool intersects(const QRVScreenRect& a, const QRVScreenRect& b) {
@@ -319,7 +352,9 @@ class X11WindowCapturer final : public WindowCapturer {
                 {e->window,
                  {e->x, e->y, e->width + 2 * e->border_width, e->height + 2 * e->border_width},
                  false,
-                 std::nullopt});
+                 std::nullopt,
+                 XCB_NONE,
+                 false});
           break;
         }
         case XCB_DESTROY_NOTIFY: {
@@ -327,13 +362,13 @@ class X11WindowCapturer final : public WindowCapturer {
               reinterpret_cast<const xcb_destroy_notify_event_t*>(event.get())->window;
           if (auto* t = find(window); t && t->own.value_or(false))
             logger()->debug("window {:#x} closed", window);
-          erase(window);
+          forget(window, true);
           break;
         }
         case XCB_REPARENT_NOTIFY: {
           const auto* e = reinterpret_cast<const xcb_reparent_notify_event_t*>(event.get());
           if (e->parent != c_->root()) {
-            erase(e->window);
+            forget(e->window, false);
           } else if (!find(e->window)) {
             auto g =
                 x11::replyOf(*c_, xcb_get_geometry_reply, xcb_get_geometry(c_->get(), e->window),
@@ -346,7 +381,9 @@ class X11WindowCapturer final : public WindowCapturer {
                   {e->window,
                    {e->x, e->y, g->width + 2 * g->border_width, g->height + 2 * g->border_width},
                    a->map_state != XCB_MAP_STATE_UNMAPPED,
-                   std::nullopt});
+                   std::nullopt,
+                   XCB_NONE,
+                   false});
           }
           break;
         }
@@ -385,8 +422,10 @@ class X11WindowCapturer final : public WindowCapturer {
           break;
         }
         default:
-          if (damage_ != XCB_NONE && type == damageEvent_)
-            damageSeen_ = true;
+          if (hasDamage_ && type == damageEvent_)
+            damageNotified(*reinterpret_cast<const xcb_damage_notify_event_t*>(event.get()));
+          else if (type == XCB_PROPERTY_NOTIFY)
+            propertyChanged(*reinterpret_cast<const xcb_property_notify_event_t*>(event.get()));
           else if (hasXFixes_ && type == cursorEvent_)
             cursorSerial_ = reinterpret_cast<const xcb_xfixes_cursor_notify_event_t*>(event.get())
                                 ->cursor_serial;
@@ -395,6 +434,29 @@ class X11WindowCapturer final : public WindowCapturer {
           break;
       }
     }
+  }
+
+  void damageNotified(const xcb_damage_notify_event_t& e) {
+    if (e.damage == backgroundDamage_) {
+      backgroundDamaged_ = true;
+      return;
+    }
+    auto it = std::find_if(stack_.begin(), stack_.end(),
+                           [&e](const TopLevel& t) { return t.damage == e.damage; });
+    if (it != stack_.end() && std::exchange(it->created, std::nullopt) != e.sequence)
+      it->damaged = true;
+  }
+
+  void propertyChanged(const xcb_property_notify_event_t& e) {
+    // A new background picture: drawn again whether or not anyone paints the root, and watched
+    // afresh, since its id may be a freed one used again.
+    if (e.window != c_->root() || e.atom != rootPixmap_)
+      return;
+    listChanged_ = true;
+    if (backgroundDamage_ != XCB_NONE)
+      xcb_damage_destroy(c_->get(), backgroundDamage_);
+    backgroundDamage_ = XCB_NONE;
+    backgroundPixmap_ = XCB_NONE;
   }
 
   std::optional<std::uint32_t> cardinal(xcb_window_t w, xcb_atom_t property, xcb_atom_t type) {
@@ -486,14 +548,20 @@ class X11WindowCapturer final : public WindowCapturer {
   void drawBackground(const QRVScreenRect& area) {
     findDesktopWindow(area);
     if (desktopWindow_ != XCB_NONE) {
-      if (auto* t = find(desktopWindow_); t && drawWindow(*t, area, false))
-        return;
+      if (auto* t = find(desktopWindow_)) {
+        watch(*t);
+        if (drawWindow(*t, area, false))
+          return;
+      }
     }
     // The root's background as desktop programs publish it: a pixmap the size of the root.
     const QRVScreenRect rootRect{0, 0, c_->screen().width_in_pixels, c_->screen().height_in_pixels};
     if (auto pixmap = cardinal(c_->root(), rootPixmap_, XCB_ATOM_PIXMAP);
-        pixmap && *pixmap != XCB_NONE && drawDrawable(*pixmap, rootRect, area, false))
-      return;
+        pixmap && *pixmap != XCB_NONE) {
+      watchBackground(*pixmap);
+      if (drawDrawable(*pixmap, rootRect, area, false))
+        return;
+    }
     for (std::size_t i = 0; i < context_.size(); i += 4)
       std::memcpy(&context_[i], kBackgroundBgrx, 4);
   }
@@ -621,10 +689,11 @@ class X11WindowCapturer final : public WindowCapturer {
   }
 
   const std::unique_ptr<x11::XcbConnection> c_;
-  xcb_damage_damage_t damage_ = XCB_NONE;
-  xcb_xfixes_region_t region_ = XCB_NONE;
+  bool hasDamage_ = false;
   std::uint8_t damageEvent_ = 0;
-  bool damageSeen_ = false;
+  xcb_pixmap_t backgroundPixmap_ = XCB_NONE;
+  xcb_damage_damage_t backgroundDamage_ = XCB_NONE;
+  bool backgroundDamaged_ = false;
   bool listChanged_ = true;
   CaptureChangeDetector detector_;
   std::shared_ptr<const QRVImage> lastImage_;
