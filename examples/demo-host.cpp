@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -128,6 +129,9 @@ class DemoWindow {
           break;
         case XCB_BUTTON_PRESS: {
           auto* press = reinterpret_cast<xcb_button_press_event_t*>(raw);
+          // A click gives the window the keyboard, as a text field's window takes it.
+          xcb_set_input_focus(connection_, XCB_INPUT_FOCUS_POINTER_ROOT, window_, press->time);
+          xcb_flush(connection_);
           click(press->event_x, press->event_y);
           break;
         }
@@ -277,6 +281,9 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "[%.*s] %.*s\n", static_cast<int>(r.category.size()), r.category.data(),
                    static_cast<int>(r.message.size()), r.message.data());
     });
+  // The library shares the display the window is on.
+  if (!display.empty())
+    setenv("DISPLAY", display.c_str(), 1);
   DemoWindow window(display.empty() ? nullptr : display.c_str());
   if (!window.ok()) {
     std::fprintf(stderr, "no X display to show the demo on\n");
@@ -297,6 +304,9 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
   });
   window.run();
-  quorvix.stop();
+  // Deregisters the device; the answer is waited for, within reason.
+  auto stopped = std::make_shared<std::promise<void>>();
+  quorvix.stop([stopped](std::optional<QRVError>) { stopped->set_value(); });
+  stopped->get_future().wait_for(std::chrono::seconds(3));
   return 0;
 }

@@ -167,8 +167,11 @@ void QRVSessionContext::onAgentEvent(const std::shared_ptr<QRVSession>& session,
   // controls the desktop must not answer the question for the user. Dropped, not queued.
   if (ui_ && ui_->isPrompting() &&
       (std::holds_alternative<QRVTouchEvent>(event) ||
-       std::holds_alternative<QRVMouseEvent>(event) || std::holds_alternative<QRVKeyPress>(event)))
+       std::holds_alternative<QRVMouseEvent>(event) ||
+       std::holds_alternative<QRVKeyPress>(event))) {
+    logger()->debug("Dropped the agent's input while the user is being asked");
     return;
+  }
   if (!session || !control_)
     return;
   if (const auto* touch = std::get_if<QRVTouchEvent>(&event)) {
@@ -184,8 +187,10 @@ void QRVSessionContext::onAgentEvent(const std::shared_ptr<QRVSession>& session,
 }
 
 bool QRVSessionContext::permits(const QRVSession& session, const char* capability) const {
-  if (!session.allowRemoteControl())
+  if (!session.allowRemoteControl()) {
+    logger()->trace("Dropped the agent's input: remote control is not on");
     return false;
+  }
   const auto capabilities = session.capabilities();
   if (std::find(capabilities.begin(), capabilities.end(), capability) == capabilities.end()) {
     logger()->debug("Capability '{}' not allowed.", capability);

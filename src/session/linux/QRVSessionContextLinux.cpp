@@ -46,6 +46,31 @@ class NoIndicator : public QRVSessionIndication {
   void hide() override {}
 };
 
+// Without a display there is nobody to ask: every question is answered "Deny", later, as a user
+// would answer it.
+class DenyingPresenter : public QRVDialogPresenter {
+ public:
+  explicit DenyingPresenter(std::shared_ptr<Executor> mainQueue)
+      : mainQueue_(std::move(mainQueue)) {}
+  std::unique_ptr<QRVDialog> present(const QRVDialogContent& content,
+                                     std::function<void(int)> onAnswer) override {
+    logger()->warn("No X display to ask \"{}\" on; denying", content.title);
+    auto dialog = std::make_unique<Dialog>();
+    std::weak_ptr<bool> open = dialog->open;
+    mainQueue_->post([open, onAnswer = std::move(onAnswer)] {
+      if (open.lock())
+        onAnswer(1);
+    });
+    return dialog;
+  }
+
+ private:
+  struct Dialog : QRVDialog {
+    std::shared_ptr<bool> open = std::make_shared<bool>(true);
+  };
+  std::shared_ptr<Executor> mainQueue_;
+};
+
 }  // namespace
 
 QRVSessionContextFactory platformSessionContextFactory() {
@@ -103,8 +128,13 @@ QRVSessionContextLinux::Parts QRVSessionContextLinux::x11Parts(
   permissions.openSettings = [](QRVPromptPermissions::Settings) {
     logger()->info("This desktop has no settings that grant screen sharing or input control");
   };
-  parts.prompt = QRVLinuxConfirmPrompt::create(
-      std::make_shared<X11DialogPresenter>(x11, mainScreen), std::move(permissions), mainQueue);
+  std::shared_ptr<QRVDialogPresenter> presenter;
+  if (x11)
+    presenter = std::make_shared<X11DialogPresenter>(x11, mainScreen);
+  else
+    presenter = std::make_shared<DenyingPresenter>(mainQueue);
+  parts.prompt =
+      QRVLinuxConfirmPrompt::create(std::move(presenter), std::move(permissions), mainQueue);
   parts.control = std::make_shared<QRVXTestRemoteControl>(session, injector, [weakScreens] {
     auto screens = weakScreens.lock();
     auto screen = screens ? screens->mainScreen() : nullptr;
