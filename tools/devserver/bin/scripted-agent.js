@@ -7,6 +7,7 @@
 // time.
 //
 //   scripted-agent.js --api URL --code CODE --display :N [--license KEY] [--type TEXT]
+//                     [--screenshot FILE]   (a PNG of the X screen once the text has landed)
 import { execFileSync } from 'node:child_process';
 import WebSocket from 'ws';
 import { Encoder, Decoder } from 'cbor-x';
@@ -180,6 +181,10 @@ async function main() {
   const framesBefore = summary.frames;
   // The click changes the window: its picture is the sign the input landed before the end.
   await until(() => summary.frames > framesBefore, 'a frame after the input');
+  if (args.screenshot) {
+    execFileSync('ffmpeg', ['-loglevel', 'error', '-y', '-f', 'x11grab', '-i', args.display, '-frames:v', '1', args.screenshot]);
+    step(`screenshot of the X screen: ${args.screenshot}`);
+  }
 
   await call('PUT', `sessions/${id}`, { state: 'ended' });
   await until(() => session.state === 'ended', 'the end of the session');
