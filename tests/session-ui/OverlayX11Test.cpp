@@ -12,6 +12,7 @@
 #include <xcb/xtest.h>
 
 #include "annotations/QRVLinuxAnnotations.h"
+#include "frameloop/WindowCapturer.h"
 #include "session-ui/linux/X11Overlay.h"
 #include "support/ManualExecutor.h"
 #include "support/X11TestDisplay.h"
@@ -215,6 +216,54 @@ TEST_F(OverlayX11Test, ClicksPassThroughTheOverlayToTheWindowBelow) {
   }
   EXPECT_TRUE(pressed);
   xcb_destroy_window(c, target);
+  xcb_flush(c);
+}
+
+// The border, the ink and the laser are the host's own windows, yet the agent must never see
+// them echoed back in the application's frames.
+TEST_F(OverlayX11Test, TheWindowSourceLeavesTheLibrarysOwnWindowsOut) {
+  xcb_connection_t* c = probe.get();
+  const xcb_screen_t* s = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+  // A window of this process: the window source captures it.
+  const xcb_window_t host = xcb_generate_id(c);
+  const std::uint32_t values[] = {s->white_pixel, 1};
+  xcb_create_window(c, XCB_COPY_FROM_PARENT, host, s->root, 400, 300, 400, 300, 0,
+                    XCB_WINDOW_CLASS_INPUT_OUTPUT, s->root_visual,
+                    XCB_CW_BACK_PIXEL | XCB_CW_OVERRIDE_REDIRECT, values);
+  xcb_map_window(c, host);
+  xcb_flush(c);
+
+  auto canvas = std::make_shared<X11AnnotationCanvas>(display, mainScreen);
+  QRVLinuxAnnotations annotations(canvas, main.get());
+  annotations.setActive(true);
+  // Ink over the middle of the host's window, and the border round the screen.
+  annotations.updateDrawnAnnotation(
+      *QRVDrawing::from(Value::Map{{"type", "Drawing"},
+                                   {"id", "d"},
+                                   {"x", 0.25},
+                                   {"y", 0.3},
+                                   {"width", 0.2},
+                                   {"height", 0.3},
+                                   {"image", pngOf(16, 16, 0, 0, 1)}}));
+  QRVLinuxSessionIndicator indicator(display, mainScreen);
+  indicator.show();
+  ASSERT_TRUE(
+      waitFor([&] { return screen->pixel(600, 450) == kBlue && screen->pixel(0, 0) == kRed; }));
+
+  auto capturer =
+      WindowCapturer::createX11(test::testDisplayName(), std::make_shared<QRVWindowRegistry>());
+  ASSERT_TRUE(capturer);
+  auto image = capturer->capture(nullptr, 1.0);
+  ASSERT_TRUE(image);
+  auto at = [&](int x, int y) {
+    const std::uint8_t* p =
+        image->bytes().data() + (static_cast<std::size_t>(y) * image->width() + x) * 4;
+    return (std::uint32_t{p[2]} << 16) | (std::uint32_t{p[1]} << 8) | p[0];
+  };
+  EXPECT_EQ(at(600, 450), 0xFFFFFFu) << "the host's window, not the agent's ink";
+  EXPECT_NE(at(0, 0), kRed) << "no border";
+  EXPECT_NE(at(1919, 1079), kRed);
+  xcb_destroy_window(c, host);
   xcb_flush(c);
 }
 

@@ -97,6 +97,7 @@ class X11WindowCapturer final : public WindowCapturer {
                            "MIT-SHM version");
     setUpDamage();
     netWmPid_ = atom("_NET_WM_PID");
+    libraryWindow_ = atom("_QUORVIX_OWN_WINDOW");
     clientLeader_ = atom("WM_CLIENT_LEADER");
     windowType_ = atom("_NET_WM_WINDOW_TYPE");
     windowTypeDesktop_ = atom("_NET_WM_WINDOW_TYPE_DESKTOP");
@@ -490,6 +491,9 @@ class X11WindowCapturer final : public WindowCapturer {
   }
 
   bool ownsWindow(xcb_window_t w) {
+    // The library's own border, ink and dialogs are the host's too, but never part of a frame.
+    if (cardinal(w, libraryWindow_, XCB_ATOM_CARDINAL))
+      return false;
     if (registry_->contains(w))
       return true;
     if (cardinal(w, netWmPid_, XCB_ATOM_CARDINAL) == pid_ || clientPid(w) == pid_)
@@ -707,6 +711,7 @@ class X11WindowCapturer final : public WindowCapturer {
   bool useShm_ = false;
   std::unique_ptr<x11::ShmSegment> segment_;
   xcb_atom_t netWmPid_ = XCB_NONE;
+  xcb_atom_t libraryWindow_ = XCB_NONE;
   xcb_atom_t clientLeader_ = XCB_NONE;
   xcb_atom_t windowType_ = XCB_NONE;
   xcb_atom_t windowTypeDesktop_ = XCB_NONE;
