@@ -2,6 +2,8 @@
 // and the order of the teardown.
 #include "session/QRVSessionContext.h"
 
+#include <random>
+
 #include <gtest/gtest.h>
 
 #include "session-ui/SessionUIFakes.h"
@@ -58,6 +60,25 @@ class Vetoing : public QuorvixDelegate {
   bool quorviShouldAllowKeyEvent(const QRVKeyPress&, const std::shared_ptr<QRVSession>&) override {
     return false;
   }
+};
+
+// Answers each veto as told.
+class Deciding : public QuorvixDelegate {
+ public:
+  void quorviSessionDidUpdate(const std::shared_ptr<QRVSession>&) override {}
+  void quorviSessionDidEnd(const std::shared_ptr<QRVSession>&) override {}
+  bool quorviShouldAllowKeyEvent(const QRVKeyPress&, const std::shared_ptr<QRVSession>&) override {
+    return allowKeys;
+  }
+  bool quorviShouldAllowMouseEvent(const QRVMouseEvent&,
+                                   const std::shared_ptr<QRVSession>&) override {
+    return allowMouse;
+  }
+  bool quorviShouldAllowTouchEvent(const QRVTouchEvent&,
+                                   const std::shared_ptr<QRVSession>&) override {
+    return allowTouch;
+  }
+  bool allowKeys = true, allowMouse = true, allowTouch = true;
 };
 
 // The base context with fakes where the platform context puts its parts.
@@ -206,6 +227,55 @@ TEST_F(QRVSessionContextTest, TeardownIsOrderedAndIdempotentAndDropsLaterFrames)
   EXPECT_FALSE(called);
   main->runUntilIdle();
   EXPECT_FALSE(called);
+}
+
+// The input gate is a security boundary: over thousands of random events, session states,
+// capabilities, host answers and open questions, an event reaches the injector exactly when
+// remote control is on, the session offers its capability, the host allows it and no question
+// is open.
+TEST_F(QRVSessionContextTest, TheInputGateOpensExactlyWhenEveryConditionHolds) {
+  std::mt19937 random(20261124);
+  auto coin = [&] { return random() % 2 == 0; };
+  auto host = std::make_shared<Deciding>();
+  context->setDelegate(host);
+  const char* states[] = {"off", "requested", "rejected", "on"};
+  const Value::Map kTouch{
+      {"type", "Touch"}, {"id", "t"}, {"state", "touchstart"},
+      {"x", 0.5},        {"y", 0.5},  {"timestamp", "2024-05-01T10:00:00.000Z"}};
+  const Value::Map kLaser{{"type", "Laser"}, {"id", "l"}, {"state", "touchmove"}};
+  int injected = 0, refused = 0;
+  for (int i = 0; i < 3000; ++i) {
+    // Half the time on, so that the open gate is tried as often as the closed one's reasons.
+    const char* remoteControl = coin() ? "on" : states[random() % 3];
+    Value::Array capabilities;
+    for (const char* name : {"pointer", "keypress", "laser"})
+      if (coin())
+        capabilities.emplace_back(name);
+    const bool pointer = std::count(capabilities.begin(), capabilities.end(), Value("pointer"));
+    const bool keypress = std::count(capabilities.begin(), capabilities.end(), Value("keypress"));
+    serverSays({{"remote_control", remoteControl}, {"capabilities", capabilities}});
+    host->allowKeys = coin();
+    host->allowMouse = coin();
+    host->allowTouch = coin();
+    prompt->prompting = random() % 4 == 0;
+
+    const int kind = static_cast<int>(random() % 4);
+    const Value::Map& message = kind == 0 ? kClick : kind == 1 ? kKey : kind == 2 ? kTouch : kLaser;
+    agentSends(message);
+    const bool open = std::string(remoteControl) == "on" && !prompt->prompting &&
+                      (kind == 0   ? pointer && host->allowMouse
+                       : kind == 1 ? keypress && host->allowKeys
+                       : kind == 2 ? pointer && host->allowTouch
+                                   : false);
+    const bool went = log.has("inject mouse") || log.has("inject key") || log.has("inject touch");
+    ASSERT_EQ(went, open) << "event " << i << " kind " << kind << " remote control "
+                          << remoteControl << " prompting " << prompt->prompting;
+    (went ? injected : refused)++;
+  }
+  // Both outcomes are exercised often, not just the common one.
+  EXPECT_GT(injected, 200);
+  EXPECT_GT(refused, 1000);
+  std::printf("input gate: %d injected, %d refused\n", injected, refused);
 }
 
 }  // namespace
