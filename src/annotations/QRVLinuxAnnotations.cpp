@@ -135,6 +135,11 @@ void QRVLinuxAnnotations::updateLaserAnnotation(const QRVLaser& laser) {
   canvas_->showLaser(overlayPoint(laser.position(), frame_), colorFromHexString(laser.color()));
 }
 
+void QRVLinuxAnnotations::clear() {
+  drawingManager_->clear();
+  canvas_->hideLaser();
+}
+
 void QRVLinuxAnnotations::setActive(bool active) {
   assert(mainQueue_->isCurrent());
   if (active)

@@ -81,6 +81,7 @@ class QRVLinuxAnnotations : public QRVAnnotations {
   // The pointer tool draws nothing on this platform.
   void updateAgentTouches(const QRVTouchEvent& /*touch*/) override {}
   void setActive(bool active) override;
+  void clear() override;
 
   QRVLinuxDrawingManager& drawingManager() { return *drawingManager_; }
 

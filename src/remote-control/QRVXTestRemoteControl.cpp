@@ -41,12 +41,18 @@ QRVXTestRemoteControl::QRVXTestRemoteControl(std::shared_ptr<const QRVSession> s
       mainScreen_(std::move(mainScreen)) {}
 
 QRVXTestRemoteControl::~QRVXTestRemoteControl() {
+  releaseAll();
+}
+
+void QRVXTestRemoteControl::releaseAll() {
+  if (!isMouseLeftDown_ && !isMouseCenterDown_ && !isMouseRightDown_ && keysPressed_.empty())
+    return;
   const QRVPoint at = injector_->pointerLocation();
-  if (isMouseLeftDown_)
+  if (std::exchange(isMouseLeftDown_, false))
     injector_->post(InjectedMouseEvent{MouseEventType::leftUp, MouseButton::left, at});
-  if (isMouseCenterDown_)
+  if (std::exchange(isMouseCenterDown_, false))
     injector_->post(InjectedMouseEvent{MouseEventType::otherUp, MouseButton::center, at});
-  if (isMouseRightDown_)
+  if (std::exchange(isMouseRightDown_, false))
     injector_->post(InjectedMouseEvent{MouseEventType::rightUp, MouseButton::right, at});
   for (const auto& code : keysPressed_)
     if (auto keyCode = keyCodeMap_.keyCodeFor(code))

@@ -26,6 +26,8 @@ class QRVRemoteControl {
   virtual void injectMouse(const QRVMouseEvent& event) = 0;
   virtual void injectTouch(const QRVTouchEvent& event) = 0;
   virtual void injectKeyPress(const QRVKeyPress& event) = 0;
+  // Lets go of every button and key the agent holds.
+  virtual void releaseAll() = 0;
 };
 
 class QRVXTestRemoteControl final : public QRVRemoteControl {
@@ -45,6 +47,8 @@ class QRVXTestRemoteControl final : public QRVRemoteControl {
   void injectMouse(const QRVMouseEvent& event) override;
   void injectTouch(const QRVTouchEvent& event) override;
   void injectKeyPress(const QRVKeyPress& event) override;
+  // Buttons first (left, middle, right), then keys.
+  void releaseAll() override;
 
   // A point in fractions of the shared screen, in root-window coordinates. Not clamped.
   QRVPoint cursorPositionFor(QRVPoint fraction) const;

@@ -44,6 +44,11 @@ class QRVSessionUI : public QRVSessionObserver, public std::enable_shared_from_t
   // Annotations the session's capabilities allow go to the overlay; the rest are dropped.
   void onAgentEvent(const QRVAgentEvent& event);
 
+  // Takes the agent's ink and laser off the screen.
+  void clearAnnotations() {
+    if (annotations_)
+      annotations_->clear();
+  }
   // The built-in prompt has a question on screen.
   bool isPrompting() const { return prompt_ && prompt_->isPrompting(); }
 

@@ -43,6 +43,8 @@ class QRVAnnotations {
   virtual void updateAgentTouches(const QRVTouchEvent& touch) = 0;
   // Shown over the main screen's current frame, or hidden with every drawing cleared.
   virtual void setActive(bool active) = 0;
+  // Removes every drawing and hides the laser dot.
+  virtual void clear() = 0;
 };
 
 }  // namespace quorvix

@@ -146,12 +146,27 @@ void QRVSessionContext::sessionDidUpdate(const std::shared_ptr<QRVSession>& /*se
   if (!session_)
     return;
   updateSelectors(*session_);
+  // Input stops the moment the session stops being active; it resumes with the next allowed
+  // event.
+  if (!session_->isActive())
+    failClosed();
   // Against off only: requested and rejected count as full-device here, on purpose.
   if (session_->isActive() && session_->fullDevice() != QRVConsentState::off && redaction_)
     redaction_->show();
   // Every update repeats it; starting a running loop is harmless.
   if (session_->isActive() && frames_)
     frames_->start();
+}
+
+void QRVSessionContext::onStreamDisconnected(const std::shared_ptr<QRVSession>& /*session*/) {
+  failClosed();
+}
+
+void QRVSessionContext::failClosed() {
+  if (control_)
+    control_->releaseAll();
+  if (ui_)
+    ui_->clearAnnotations();
 }
 
 void QRVSessionContext::sessionDidEnd(const std::shared_ptr<QRVSession>& /*session*/) {

@@ -85,6 +85,10 @@ class QRVSessionContext : public QRVFrameLoopDelegate,
   void onAgentEvent(const std::shared_ptr<QRVSession>& session,
                     const QRVAgentEvent& event) override;
 
+  // The connection to the agent dropped: nothing the agent held stays held, no ink stays up.
+  void onStreamDisconnected(const std::shared_ptr<QRVSession>& session) override;
+  void failClosed();
+
   bool shouldAllowKeyEvent(const QRVKeyPress& event, const std::shared_ptr<QRVSession>& session);
   bool shouldAllowTouchEvent(const QRVTouchEvent& event,
                              const std::shared_ptr<QRVSession>& session);

@@ -204,9 +204,15 @@ void QRVStreamProtocol::openStreamSocket() {
     if (auto self = weak.lock())
       self->forceSync();
   });
-  stream->onDisconnect([](const std::optional<QRVError>& error) {
+  stream->onDisconnect([weak](const std::optional<QRVError>& error) {
     if (error)
       logger()->error("Quorvix stream error {}", error->description());
+    auto self = weak.lock();
+    if (!self)
+      return;
+    const auto observers = self->observers_;
+    for (const auto& observer : observers)
+      observer->onStreamDisconnected(self->session_);
   });
 }
 

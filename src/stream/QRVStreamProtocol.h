@@ -34,6 +34,8 @@ class QRVStreamProtocolObserver {
                             const QRVAgentEvent& /*event*/) {}
   // The next frame must be a complete picture.
   virtual void onSyncRequest(const std::shared_ptr<QRVSession>& /*session*/) {}
+  // The stream connection ended; the agent's input and ink stop with it.
+  virtual void onStreamDisconnected(const std::shared_ptr<QRVSession>& /*session*/) {}
 };
 
 // A view tree a platform with views can report; nothing on this desktop builds one.

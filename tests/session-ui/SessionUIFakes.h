@@ -63,6 +63,7 @@ class FakeAnnotations : public QRVAnnotations {
   void updateLaserAnnotation(const QRVLaser&) override { log_.add("laser"); }
   void updateAgentTouches(const QRVTouchEvent&) override { log_.add("touch"); }
   void setActive(bool active) override { log_.add(active ? "active" : "inactive"); }
+  void clear() override { log_.add("clear annotations"); }
 
  private:
   CallLog& log_;

@@ -55,6 +55,7 @@ class RecordingControl : public QRVRemoteControl {
   void injectMouse(const QRVMouseEvent&) override {}
   void injectTouch(const QRVTouchEvent&) override {}
   void injectKeyPress(const QRVKeyPress&) override {}
+  void releaseAll() override {}
 
  private:
   test::CallLog& log_;

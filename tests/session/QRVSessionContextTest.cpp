@@ -21,6 +21,7 @@ class RecordingControl : public QRVRemoteControl {
   void injectMouse(const QRVMouseEvent&) override { log_.add("inject mouse"); }
   void injectTouch(const QRVTouchEvent&) override { log_.add("inject touch"); }
   void injectKeyPress(const QRVKeyPress&) override { log_.add("inject key"); }
+  void releaseAll() override { log_.add("release all"); }
 
  private:
   test::CallLog& log_;
@@ -227,6 +228,23 @@ TEST_F(QRVSessionContextTest, TeardownIsOrderedAndIdempotentAndDropsLaterFrames)
   EXPECT_FALSE(called);
   main->runUntilIdle();
   EXPECT_FALSE(called);
+}
+
+// Fail closed: when the agent's connection drops or the session stops being active, whatever
+// the agent held is let go and the ink leaves the screen at once.
+TEST_F(QRVSessionContextTest, InputAndInkStopWithTheConnectionOrTheActiveState) {
+  serverSays({{"remote_control", "on"}});
+  context->onStreamDisconnected(session);
+  EXPECT_TRUE(log.has("release all"));
+  EXPECT_TRUE(log.has("clear annotations"));
+
+  log.calls.clear();
+  ASSERT_FALSE(session->updateResource(Value(Value::Map{
+      {"type", "Session"}, {"id", "S1"}, {"state", "authorizing"}, {"remote_control", "on"}})));
+  EXPECT_TRUE(log.has("release all"));
+  serverSays({{"remote_control", "on"}});
+  agentSends(kClick);
+  EXPECT_TRUE(log.has("inject mouse")) << "input resumes with the next allowed event";
 }
 
 // The input gate is a security boundary: over thousands of random events, session states,

@@ -51,6 +51,8 @@ class Observer : public QRVStreamProtocolObserver {
     events.push_back(event);
   }
   void onSyncRequest(const std::shared_ptr<QRVSession>&) override { ++syncs; }
+  void onStreamDisconnected(const std::shared_ptr<QRVSession>&) override { ++disconnects; }
+  int disconnects = 0;
   std::vector<QRVAgentEvent> events;
   int syncs = 0;
 };
@@ -238,6 +240,7 @@ TEST_F(QRVStreamProtocolTest, FrameMessagesAndAFrameForADisconnectedStream) {
   const int resets = encoder().resets;
   stream.drop();
   main->runUntilIdle();
+  EXPECT_EQ(observer->disconnects, 1) << "the context hears of the drop";
   protocol->sendFrame(frame(), nullptr);
   encoder().complete(QRVStreamEncoder::Bytes{9});
   main->runUntilIdle();

@@ -38,6 +38,7 @@ class NoAnnotations : public QRVAnnotations {
   void updateLaserAnnotation(const QRVLaser&) override {}
   void updateAgentTouches(const QRVTouchEvent&) override {}
   void setActive(bool) override {}
+  void clear() override {}
 };
 
 class NoIndicator : public QRVSessionIndication {
