@@ -5,20 +5,12 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "IncomingMessage.h"
 #include "annotations/QRVLinuxAnnotations.h"
-#include "cbor/CBORDecoder.h"
-#include "quorvix/CBOR.h"
-#include "quorvix/Log.h"
-#include "web-socket/CBORSocket.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvix;
-  static const bool quiet = (setStderrLogging(false), true);
-  (void)quiet;
-  auto item = CBORDecoder(std::vector<std::uint8_t>(data, data + size)).decodeItem();
-  if (!item || !item.value())
-    return 0;
-  auto value = convertIncoming(*item.value());
+  auto value = fuzz::incomingMessage(data, size);
   if (!value)
     return 0;
   const QRVRect screen{0, 0, 1920, 1080};

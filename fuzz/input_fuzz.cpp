@@ -5,14 +5,11 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "cbor/CBORDecoder.h"
+#include "IncomingMessage.h"
 #include "core/QRVSessionResource.h"
-#include "quorvix/CBOR.h"
-#include "quorvix/Log.h"
 #include "remote-control/QRVXTestRemoteControl.h"
 #include "remote-control/linux/Keysyms.h"
 #include "remote-control/linux/XTestKeyTable.h"
-#include "web-socket/CBORSocket.h"
 
 namespace {
 
@@ -29,12 +26,7 @@ class Sink final : public InputInjector {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool quiet = (setStderrLogging(false), true);
-  (void)quiet;
-  auto item = CBORDecoder(std::vector<std::uint8_t>(data, data + size)).decodeItem();
-  if (!item || !item.value())
-    return 0;
-  auto value = convertIncoming(*item.value());
+  auto value = fuzz::incomingMessage(data, size);
   if (!value)
     return 0;
   static auto session =

@@ -150,30 +150,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
   }
 
   std::shared_ptr<const QRVCursorImage> cursor() override {
-    if (cursorImage_ && cursorImageSerial_ == cursorSerial_)
-      return cursorImage_;
-    if (hasXFixes_) {
-      auto reply = x11::replyOf(*c_, xcb_xfixes_get_cursor_image_reply,
-                                xcb_xfixes_get_cursor_image(c_->get()), "cursor image");
-      auto image = reply
-                       ? QRVCursorImage::fromServer(
-                             reply->width, reply->height, reply->xhot, reply->yhot,
-                             xcb_xfixes_get_cursor_image_cursor_image(reply.get()),
-                             std::size_t(std::max(
-                                 0, xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()))))
-                       : nullptr;
-      if (image) {
-        cursorImage_ = std::move(image);
-        cursorImageSerial_ = reply->cursor_serial;
-        cursorSerial_ = reply->cursor_serial;
-        return cursorImage_;
-      }
-    }
-    // The server refused (a cursor whose creator is gone can be off limits): keep the last one.
-    if (!cursorImage_)
-      cursorImage_ = QRVCursorImage::builtinArrow();
-    cursorImageSerial_ = cursorSerial_;
-    return cursorImage_;
+    return cursors_.image(*c_, hasXFixes_, cursorSerial_);
   }
 
   bool lost() const override { return c_->lost(); }
@@ -264,8 +241,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
   bool hasXFixes_ = false;
   std::uint8_t cursorEvent_ = 0;
   std::uint32_t cursorSerial_ = 0;
-  std::uint32_t cursorImageSerial_ = 0;
-  std::shared_ptr<const QRVCursorImage> cursorImage_;
+  x11::CursorCache cursors_;
 };
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include "frameloop/linux/X11Screens.h"
 
+#include <algorithm>
 #include <string>
 
 #include <xcb/randr.h>
+#include <xcb/xfixes.h>
 
 namespace quorvix::x11 {
 namespace {
@@ -123,6 +125,32 @@ bool isScreenChangeEvent(const XcbConnection& c, const xcb_generic_event_t& even
     return false;
   return type == randr->first_event + XCB_RANDR_SCREEN_CHANGE_NOTIFY ||
          type == randr->first_event + XCB_RANDR_NOTIFY;
+}
+
+std::shared_ptr<const QRVCursorImage> CursorCache::image(const XcbConnection& c,
+                                                         bool hasXFixes,
+                                                         std::uint32_t& serial) {
+  if (image_ && imageSerial_ == serial)
+    return image_;
+  imageSerial_ = serial;
+  if (hasXFixes) {
+    auto reply = replyOf(c, xcb_xfixes_get_cursor_image_reply, xcb_xfixes_get_cursor_image(c.get()),
+                         "cursor image");
+    auto image = reply ? QRVCursorImage::fromServer(
+                             reply->width, reply->height, reply->xhot, reply->yhot,
+                             xcb_xfixes_get_cursor_image_cursor_image(reply.get()),
+                             std::size_t(std::max(
+                                 0, xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()))))
+                       : nullptr;
+    if (image) {
+      image_ = std::move(image);
+      serial = imageSerial_ = reply->cursor_serial;
+      return image_;
+    }
+  }
+  if (!image_)
+    image_ = QRVCursorImage::builtinArrow();
+  return image_;
 }
 
 }  // namespace quorvix::x11

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "frameloop/CursorOverlay.h"
 #include "frameloop/QRVScreen.h"
 #include "frameloop/linux/XcbConnection.h"
 
@@ -20,5 +21,20 @@ bool selectScreenChanges(const XcbConnection& c, std::uint32_t rootEvents = 0);
 
 // Whether an event read from a connection set up with selectScreenChanges() may mean a new layout.
 bool isScreenChangeEvent(const XcbConnection& c, const xcb_generic_event_t& event);
+
+// The cursor's picture, read from the server only when its serial moved on. When the server
+// refuses (a cursor whose creator is gone can be off limits), the last picture, or a built-in
+// arrow.
+class CursorCache {
+ public:
+  // `serial` is the serial the caller last heard of; it becomes the served picture's serial.
+  std::shared_ptr<const QRVCursorImage> image(const XcbConnection& c,
+                                              bool hasXFixes,
+                                              std::uint32_t& serial);
+
+ private:
+  std::shared_ptr<const QRVCursorImage> image_;
+  std::uint32_t imageSerial_ = 0;
+};
 
 }  // namespace quorvix::x11

@@ -476,15 +476,15 @@ class X11WindowCapturer final : public WindowCapturer {
   std::optional<std::uint32_t> clientPid(xcb_window_t w) {
     if (!hasRes_)
       return std::nullopt;
-    xcb_res_client_id_spec_t spec{w, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
+    const xcb_res_client_id_spec_t query{w, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
     x11::XcbPtr<xcb_res_query_client_ids_reply_t> reply(xcb_res_query_client_ids_reply(
-        c_->get(), xcb_res_query_client_ids(c_->get(), 1, &spec), nullptr));
+        c_->get(), xcb_res_query_client_ids(c_->get(), 1, &query), nullptr));
     if (!reply)
       return std::nullopt;
     for (auto it = xcb_res_query_client_ids_ids_iterator(reply.get()); it.rem > 0;
          xcb_res_client_id_value_next(&it)) {
-      if ((it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) &&
-          xcb_res_client_id_value_value_length(it.data) >= 1)
+      const auto& [client, length] = *it.data;
+      if ((client.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) && length >= 1)
         return xcb_res_client_id_value_value(it.data)[0];
     }
     return std::nullopt;
@@ -668,28 +668,7 @@ class X11WindowCapturer final : public WindowCapturer {
   }
 
   std::shared_ptr<const QRVCursorImage> cursor() {
-    if (cursorImage_ && cursorImageSerial_ == cursorSerial_)
-      return cursorImage_;
-    cursorImageSerial_ = cursorSerial_;
-    if (hasXFixes_) {
-      auto reply = x11::replyOf(*c_, xcb_xfixes_get_cursor_image_reply,
-                                xcb_xfixes_get_cursor_image(c_->get()), "cursor image");
-      auto image = reply
-                       ? QRVCursorImage::fromServer(
-                             reply->width, reply->height, reply->xhot, reply->yhot,
-                             xcb_xfixes_get_cursor_image_cursor_image(reply.get()),
-                             std::size_t(std::max(
-                                 0, xcb_xfixes_get_cursor_image_cursor_image_length(reply.get()))))
-                       : nullptr;
-      if (image) {
-        cursorImage_ = std::move(image);
-        cursorSerial_ = cursorImageSerial_ = reply->cursor_serial;
-        return cursorImage_;
-      }
-    }
-    if (!cursorImage_)
-      cursorImage_ = QRVCursorImage::builtinArrow();
-    return cursorImage_;
+    return cursors_.image(*c_, hasXFixes_, cursorSerial_);
   }
 
   const std::unique_ptr<x11::XcbConnection> c_;
@@ -723,8 +702,7 @@ class X11WindowCapturer final : public WindowCapturer {
   std::vector<std::uint8_t> context_;
   std::uint8_t cursorEvent_ = 0;
   std::uint32_t cursorSerial_ = 0;
-  std::uint32_t cursorImageSerial_ = 0;
-  std::shared_ptr<const QRVCursorImage> cursorImage_;
+  x11::CursorCache cursors_;
 };
 
 }  // namespace
