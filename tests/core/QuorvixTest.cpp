@@ -2,6 +2,8 @@
 // started, and the session operations' short cuts and refusals.
 #include "quorvix/Quorvix.h"
 
+#include <mutex>
+
 #include <gtest/gtest.h>
 
 #include "core/QRVDevice.h"
@@ -50,6 +52,7 @@ class QuorvixTest : public ::testing::Test {
         return TestResponse{204, ""};
       if (r.target.find("/api/1/devices/") == 0)
         return TestResponse{200, R"({"type":"Device","id":"D","next_registration":3600})"};
+      std::lock_guard lock(answerMutex);
       if (r.method == "POST")
         return TestResponse{201, sessionAnswer};
       return TestResponse{200, sessionAnswer};
@@ -58,10 +61,20 @@ class QuorvixTest : public ::testing::Test {
     quorvix.setLicense("test-license");
   }
   void TearDown() override {
+    // Stopping ends an active session: wait for that answer too, so that no request is left
+    // in flight when the test's main queue goes.
+    auto current = quorvix.currentSession();
+    const bool active = current && current->isActive();
+    answer(R"({"type":"Session","id":"S1","state":"ended"})");
     quorvix.stop([](std::optional<QRVError>) {});
-    main->runUntil([this] { return deleted(); }, std::chrono::seconds(2));
+    main->runUntil([&] { return deleted() && (!active || current->isEnded()); },
+                   std::chrono::seconds(5));
     setSessionContextFactory(nullptr);
     QRVKeychain::setStore(nullptr);
+  }
+  void answer(std::string body) {
+    std::lock_guard lock(answerMutex);
+    sessionAnswer = std::move(body);
   }
   bool deleted() const {
     for (const auto& r : http.requests())
@@ -85,6 +98,7 @@ class QuorvixTest : public ::testing::Test {
   test::ScopedManualMainQueue main;
   std::shared_ptr<test::FakeKeychainStore> store = std::make_shared<test::FakeKeychainStore>();
   HttpTestServer http;
+  std::mutex answerMutex;
   std::string sessionAnswer = R"({"type":"Session","id":"S1","code":"123456","state":"pending"})";
   Quorvix& quorvix = Quorvix::instance();
 };
@@ -163,7 +177,7 @@ TEST_F(QuorvixTest, CreatingAndJoiningTheCurrentSession) {
   Recorder replaced = create();
   EXPECT_FALSE(replaced.arg<0>());
   EXPECT_NE(replaced.arg<1>(), created.arg<1>());
-  sessionAnswer = R"({"type":"Session","id":"S2","code":"654321","state":"active"})";
+  answer(R"({"type":"Session","id":"S2","code":"654321","state":"active"})");
   Recorder fetched;
   quorvix.getSession("S2", fetched.once());
   ASSERT_TRUE(main->runUntil([&] { return fetched.called(); }));
