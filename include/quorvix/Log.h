@@ -21,8 +21,8 @@ using LogHandler = std::function<void(const LogRecord&)>;
 
 // Adds a destination for every log line at or above minimum; returns an id for removeLogHandler.
 // Handlers may be called from any of the library's threads, so they must be thread-safe. They may
-// call the functions below and log; a line being handed out on another thread when
-// removeLogHandler returns may still reach the handler removed.
+// call the functions below and log. Once removeLogHandler returns, the handler is not running on
+// any other thread and is never called again (a handler may remove itself).
 int addLogHandler(LogHandler handler, LogLevel minimum = LogLevel::debug);
 void removeLogHandler(int id);
 // The level from which lines reach standard error (default: error), and whether any do.

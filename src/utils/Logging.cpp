@@ -1,6 +1,8 @@
 #include "utils/Logging.h"
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -45,24 +47,51 @@ const char* levelName(LogLevel l) {
   return "error";
 }
 
+// One handler and the calls of it under way, so that removing it can wait for them.
+struct HandlerSlot {
+  explicit HandlerSlot(LogHandler h) : handler(std::move(h)) {}
+  const LogHandler handler;
+  std::mutex mutex;
+  std::condition_variable idle;
+  int running = 0;  // guarded by mutex
+  bool removed = false;
+};
+
+// The slots whose handler this thread is inside of, innermost last.
+thread_local std::vector<const HandlerSlot*> tCalling;
+
 // One sink shared by every unit's logger: hands each line to the host's handlers and, above its
 // own threshold, to standard error. Handlers run outside every lock of the sink, on a snapshot of
-// the list, so that one may remove itself or another, change the levels, or log. A handler removed
-// while a line is being handed out on another thread may still receive that line.
+// the list, so that one may remove itself or another, change the levels, or log. Removing a
+// handler waits for its calls on other threads, so that once removal returns it is never called
+// again and whatever it uses may go.
 class DispatchSink final : public spdlog::sinks::sink {
  public:
   int add(LogHandler h, LogLevel min) {
     std::lock_guard lock(mutex_);
     auto next = std::make_shared<Handlers>(*handlers_);
-    next->push_back({++lastId_, std::make_shared<const LogHandler>(std::move(h)), min});
+    next->push_back({++lastId_, std::make_shared<HandlerSlot>(std::move(h)), min});
     handlers_ = std::move(next);
     return lastId_;
   }
   void remove(int id) {
-    std::lock_guard lock(mutex_);
-    auto next = std::make_shared<Handlers>(*handlers_);
-    std::erase_if(*next, [id](const Entry& e) { return e.id == id; });
-    handlers_ = std::move(next);
+    std::shared_ptr<HandlerSlot> slot;
+    {
+      std::lock_guard lock(mutex_);
+      auto next = std::make_shared<Handlers>(*handlers_);
+      for (const auto& e : *next)
+        if (e.id == id)
+          slot = e.slot;
+      std::erase_if(*next, [id](const Entry& e) { return e.id == id; });
+      handlers_ = std::move(next);
+    }
+    if (!slot)
+      return;
+    // A handler removing itself is inside one of its own calls: wait only for the others.
+    const auto own = std::count(tCalling.begin(), tCalling.end(), slot.get());
+    std::unique_lock lock(slot->mutex);
+    slot->removed = true;
+    slot->idle.wait(lock, [&] { return slot->running == own; });
   }
   void setStderrLevel(LogLevel min) { stderrMin_ = min; }
   void setStderrEnabled(bool enabled) { stderrEnabled_ = enabled; }
@@ -77,8 +106,26 @@ class DispatchSink final : public spdlog::sinks::sink {
       handlers = handlers_;
     }
     for (const auto& e : *handlers) {
-      if (level >= e.min)
-        (*e.handler)(LogRecord{level, kLogSubsystem, category, text});
+      if (level < e.min)
+        continue;
+      {
+        std::lock_guard lock(e.slot->mutex);
+        if (e.slot->removed)
+          continue;
+        ++e.slot->running;
+      }
+      // Ends the call even when the handler throws.
+      struct Call {
+        HandlerSlot& slot;
+        explicit Call(HandlerSlot& s) : slot(s) { tCalling.push_back(&slot); }
+        ~Call() {
+          tCalling.pop_back();
+          std::lock_guard lock(slot.mutex);
+          --slot.running;
+          slot.idle.notify_all();
+        }
+      } call(*e.slot);
+      e.slot->handler(LogRecord{level, kLogSubsystem, category, text});
     }
     if (stderrEnabled_ && level >= stderrMin_) {
       // One call per line, so that lines from several threads do not interleave.
@@ -95,7 +142,7 @@ class DispatchSink final : public spdlog::sinks::sink {
  private:
   struct Entry {
     int id;
-    std::shared_ptr<const LogHandler> handler;
+    std::shared_ptr<HandlerSlot> slot;
     LogLevel min;
   };
   using Handlers = std::vector<Entry>;
