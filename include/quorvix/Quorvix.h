@@ -91,6 +91,11 @@ class Quorvix {
   void setCustomData(const Value::Map& customData);
   Value::Map customData() const;
   void setDelegate(std::shared_ptr<QuorvixDelegate> delegate);
+  // Off (0) by default. Above 0, frames are held back while the stream connection's measured
+  // latency exceeds this many seconds, on top of the fixed limit of frames in flight: on a slow
+  // link the agent then sees fewer but younger pictures.
+  void setLatencyBound(double seconds);
+  double latencyBound() const;
   std::string deviceId() const;
 
   // Sessions.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cmath>
 #include <mutex>
 #include <set>
 
@@ -72,6 +73,7 @@ struct Quorvix::Impl : QRVSessionObserver,
   bool registration = true;
   std::string license;
   std::vector<std::string> capabilities;
+  double latencyBound = 0;
 
   std::vector<std::string> redactedViews() const override { return redacted; }
   std::vector<std::string> unredactedViews() const override { return unredacted; }
@@ -118,6 +120,7 @@ struct Quorvix::Impl : QRVSessionObserver,
       return;
     }
     context->setDelegate(delegate);
+    context->setLatencyBound(latencyBound);
     session->registerSessionObserver(shared_from_this());
   }
 
@@ -404,6 +407,16 @@ void Quorvix::setDelegate(std::shared_ptr<QuorvixDelegate> delegate) {
   impl_->delegate = std::move(delegate);
   if (impl_->context)
     impl_->context->setDelegate(impl_->delegate);
+}
+
+void Quorvix::setLatencyBound(double seconds) {
+  impl_->latencyBound = std::isfinite(seconds) && seconds > 0 ? seconds : 0;
+  if (impl_->context)
+    impl_->context->setLatencyBound(impl_->latencyBound);
+}
+
+double Quorvix::latencyBound() const {
+  return impl_->latencyBound;
 }
 
 std::string Quorvix::deviceId() const {

@@ -71,6 +71,11 @@ void QRVSessionContext::setRedaction(std::shared_ptr<QRVRedaction> redaction) {
     updateSelectors(*session_);
 }
 
+void QRVSessionContext::setLatencyBound(double seconds) {
+  if (stream_)
+    stream_->setLatencyBound(seconds);
+}
+
 void QRVSessionContext::setDelegate(std::shared_ptr<QuorvixDelegate> delegate) {
   delegate_ = std::move(delegate);
   if (ui_)

@@ -63,6 +63,8 @@ class QRVSessionContext : public QRVFrameLoopDelegate,
   bool redactionIsActive() const { return redaction_ && redaction_->hasRedactedViews(); }
   // Also the UI's delegate.
   void setDelegate(std::shared_ptr<QuorvixDelegate> delegate);
+  // See QRVStreamProtocol::setLatencyBound; 0 turns it off.
+  void setLatencyBound(double seconds);
   const std::shared_ptr<QuorvixDelegate>& delegate() const { return delegate_; }
 
   // The host's lists joined with the agent's, for the redaction component.

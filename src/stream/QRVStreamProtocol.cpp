@@ -326,6 +326,16 @@ void QRVStreamProtocol::sendFrame(std::shared_ptr<QRVFrame> frame, std::function
     this->ready(ready);
     return;
   }
+  // With nothing in flight the link is drained, so a frame goes out whatever the estimate says:
+  // its acknowledgement is what brings the estimate down again.
+  if (const double bound = latencyBound(); bound > 0 && lag > 0) {
+    if (const double latency = stream->metrics().latency(); latency > bound) {
+      logger()->debug("held back a frame: latency {:.3f} s over the bound of {:.3f} s", latency,
+                      bound);
+      this->ready(ready);
+      return;
+    }
+  }
   std::weak_ptr<QRVStreamProtocol> weak = weak_from_this();
   encoder->encode(std::move(frame),
                   [weak, borderRadius, ready](std::optional<QRVStreamEncoder::Bytes> bytes) {

@@ -94,6 +94,12 @@ class QRVStreamProtocol : public QRVSessionObserver,
   // The next frame becomes a complete picture, and the observers are asked to send the full
   // screen state again.
   void forceSync();
+  // Opt-in: above 0, frames are also held back while the stream socket's measured latency
+  // exceeds this many seconds and a frame is still unacknowledged, so that on a slow link the
+  // agent sees a younger picture less often rather than an old one ten times a second.
+  // Any thread.
+  void setLatencyBound(double seconds) { latencyBound_.store(seconds); }
+  double latencyBound() const { return latencyBound_.load(); }
   // `ready` runs once, right after the frame went to the encoder (or was dropped for
   // congestion), and once more when the encoder yields nothing or was closed meanwhile.
   void sendFrame(std::shared_ptr<QRVFrame> frame, std::function<void()> ready);
@@ -139,6 +145,7 @@ class QRVStreamProtocol : public QRVSessionObserver,
   std::set<std::shared_ptr<QRVStreamProtocolObserver>> observers_;
   // The sockets and the encoder are read from the encoder's thread too.
   mutable std::mutex mutex_;
+  std::atomic<double> latencyBound_{0};
   std::shared_ptr<CBORSocket> control_;
   std::shared_ptr<CBORSocket> stream_;
   std::shared_ptr<QRVStreamEncoder> encoder_;

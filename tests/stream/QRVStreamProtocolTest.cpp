@@ -212,6 +212,48 @@ TEST_F(QRVStreamProtocolTest, FramesAreHeldBackOnlyOnceTheServiceLagsByTheLimit)
   EXPECT_EQ(ready, 8) << "nothing encoded: ready once more";
 }
 
+TEST_F(QRVStreamProtocolTest, ALatencyBoundHoldsFramesBackUntilTheLinkDrains) {
+  test::LogCapture logs;
+  protocol->setLatencyBound(0.5);
+  serverSays({});
+  FakeTransport& stream = streamTransport();
+  stream.open();
+  main->runUntilIdle();
+  ack(stream, 1);  // the filter, at once
+  int ready = 0;
+  const auto send = [&] {
+    protocol->sendFrame(frame(), [&] { ++ready; });
+    if (encoder().pending.empty())
+      return false;
+    encoder().complete(QRVStreamEncoder::Bytes{1});
+    return true;
+  };
+  ASSERT_TRUE(send());  // message 2, timed
+  main->advanceSeconds(0.4);
+  EXPECT_TRUE(send()) << "0.4 s unacknowledged is within the bound";
+  main->advanceSeconds(0.8);
+  EXPECT_FALSE(send()) << "1.2 s and two frames out: held back";
+  EXPECT_TRUE(logs.mentions("held back a frame"));
+  EXPECT_EQ(ready, 3);
+
+  ack(stream, 2);
+  ack(stream, 3);  // drained, though the estimate is still high
+  ASSERT_GT(protocol->stream()->metrics().latency(), 0.5);
+  EXPECT_TRUE(send()) << "nothing in flight: a frame goes out to measure again";
+  // Prompt acknowledgements bring the estimate under the bound, and frames flow again.
+  for (std::uint64_t id = 4; id < 12 && protocol->stream()->metrics().latency() > 0.5; ++id) {
+    ack(stream, id);
+    ASSERT_TRUE(send());
+  }
+  ASSERT_LE(protocol->stream()->metrics().latency(), 0.5);
+  EXPECT_TRUE(send()) << "one in flight, under the bound";
+
+  // Off: only the limit of frames in flight counts.
+  protocol->setLatencyBound(0);
+  main->advanceSeconds(5);
+  EXPECT_TRUE(send());
+}
+
 TEST_F(QRVStreamProtocolTest, FrameMessagesAndAFrameForADisconnectedStream) {
   serverSays({{"scale", 0.5}});
   FakeTransport& stream = streamTransport();
