@@ -43,7 +43,7 @@ session() {
   code=$(sed -n 's/^session code: //p' "$WORK/$name.host.out")
   node "$ROOT/tools/devserver/bin/bench-agent.js" --api "$api" --code "$code" --license bench \
     --host-pid "$host" --xvfb-pid "$SCENE_XVFB_PID" "$@" >"$WORK/$name.json"
-  kill "$host" "$service"
+  kill "$host" "$service" 2>/dev/null || true
   wait "$host" "$service" 2>/dev/null || true
 }
 

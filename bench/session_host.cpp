@@ -3,8 +3,10 @@
 // remote control) is answered yes at once through the delegate, so no dialog lands in the
 // picture being measured. Uses the public API only, as a host application would.
 //
-//   session_host --api URL --license KEY [--latency-bound SECONDS]
+//   session_host --api URL --license KEY [--latency-bound SECONDS] [--timecode 1]
 //
+// With --timecode, a strip at the top-left corner of the screen shows the wall clock (see
+// Timecode.h), from which the agent reads the age of each picture.
 // Prints "session code: CODE" and "pid: PID" once the session exists, then "session ended" when
 // it ends; exits on the end of the session, SIGTERM or SIGINT.
 #include <csignal>
@@ -16,6 +18,7 @@
 
 #include <unistd.h>
 
+#include "Timecode.h"
 #include "quorvix/Quorvix.h"
 
 namespace {
@@ -60,6 +63,7 @@ class YesDelegate : public QuorvixDelegate {
 int main(int argc, char** argv) {
   std::string api, license;
   double latencyBound = 0;
+  bool timecode = false;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string flag = argv[i];
     if (flag == "--api")
@@ -68,9 +72,12 @@ int main(int argc, char** argv) {
       license = argv[i + 1];
     else if (flag == "--latency-bound")
       latencyBound = std::strtod(argv[i + 1], nullptr);
+    else if (flag == "--timecode")
+      timecode = std::string(argv[i + 1]) != "0";
   }
   if (api.empty() || license.empty()) {
-    std::fprintf(stderr, "usage: %s --api URL --license KEY [--latency-bound SECONDS]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s --api URL --license KEY [--latency-bound S] [--timecode 1]\n",
+                 argv[0]);
     return 2;
   }
   // The signal only wakes a thread of ours; the library is stopped from main.
@@ -86,6 +93,9 @@ int main(int argc, char** argv) {
   });
   waiter.detach();
 
+  std::unique_ptr<bench::Timecode> strip;
+  if (timecode)
+    strip = std::make_unique<bench::Timecode>("");
   auto& quorvix = Quorvix::instance();
   quorvix.setApi(api);
   quorvix.setLicense(license);

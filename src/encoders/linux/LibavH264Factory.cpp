@@ -292,6 +292,11 @@ OpenedEncoder openEncoder(const EncoderInfo& c,
   ctx->color_trc = AVCOL_TRC_IEC61966_2_1;
   for (const auto& property : properties)
     opened.propertyStatus.push_back(applyProperty(ctx, c, property, opened.settings));
+  // One thread for the software encoder: at ten frames a second a 1080p picture takes a few
+  // milliseconds of one core, and every further thread costs memory (its own pictures and
+  // allocator arena) and synchronisation, not time the session needs.
+  if (c.kind == Kind::x264)
+    ctx->thread_count = 1;
   // A requested key frame becomes an IDR picture, which a decoder can start from.
   setPrivate(ctx, c.kind == Kind::qsv ? "forced_idr" : "forced-idr", "1");
   if (c.kind == Kind::vaapi) {

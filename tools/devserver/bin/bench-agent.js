@@ -8,7 +8,14 @@
 //   bench-agent.js --api URL --code CODE [--license KEY] --host-pid PID [--xvfb-pid PID]
 //                  [--frames N | --seconds S] [--settle S] [--save FILE] [--arrivals FILE]
 // --frames 0 measures nothing: --save then keeps what arrived while settling.
+// --ages 1: the host shows the wall clock in a strip at the screen's top-left corner (see
+// bench/Timecode.h); the measured frames are decoded afterwards (ffmpeg) and each picture's age
+// at arrival, its arrival time minus the time it shows, is summarised as ages_ms.
+//   --screen-width PX (1920) says how wide the screen is, to find the strip in a scaled picture.
+import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
 import WebSocket from 'ws';
 import { Encoder, Decoder } from 'cbor-x';
 
@@ -47,6 +54,58 @@ function status(pid, key) {
   return line ? Number(line.split(/\s+/)[1]) : 0;
 }
 
+// Whether an Annex B access unit holds an IDR slice.
+function hasIdr(bytes) {
+  for (let i = 0; i + 3 < bytes.length; ++i)
+    if (bytes[i] === 0 && bytes[i + 1] === 0 && bytes[i + 2] === 1 && (bytes[i + 3] & 0x1f) === 5) return true;
+  return false;
+}
+
+const kTimecodeBits = 24;
+const kTimecodeBlock = 16;
+
+// Decodes the measured pictures and reads the clock each shows; ages in milliseconds.
+function pictureAges(frames, mime) {
+  if (frames.length === 0) return { ages_ms: null };
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'bench-agent-'));
+  try {
+    const file = path.join(dir, 'stream');
+    fs.writeFileSync(file, Buffer.concat(frames.map((f) => f.bytes)));
+    const format = mime === 'video/avc' ? 'h264' : 'mjpeg';
+    const [width, height] = execFileSync('ffprobe', ['-v', 'error', '-f', format, '-select_streams', 'v:0', '-show_entries', 'stream=width,height', '-of', 'csv=p=0', file])
+      .toString()
+      .trim()
+      .split(',')
+      .map(Number);
+    const gray = execFileSync('ffmpeg', ['-v', 'error', '-f', format, '-i', file, '-fps_mode', 'passthrough', '-f', 'rawvideo', '-pix_fmt', 'gray', '-'], {
+      maxBuffer: 4 * 1024 * 1024 * 1024,
+    });
+    const scale = width / Number(args['screen-width'] ?? 1920);
+    const at = (frame, x, y) => gray[frame * width * height + Math.floor(y * scale) * width + Math.floor(x * scale)];
+    const decoded = Math.min(frames.length, Math.floor(gray.length / (width * height)));
+    const ages = [];
+    let unreadable = 0;
+    const modulus = 2 ** kTimecodeBits;
+    for (let i = 0; i < decoded; ++i) {
+      let value = 0;
+      for (let bit = 0; bit < kTimecodeBits; ++bit) {
+        const x = bit * kTimecodeBlock + kTimecodeBlock / 2;
+        value = value * 2 + (at(i, x, kTimecodeBlock / 2) > at(i, x, kTimecodeBlock * 1.5) ? 1 : 0);
+      }
+      const age = (((frames[i].arrived % modulus) - value) % modulus + modulus) % modulus;
+      if (age > 60_000) unreadable++;
+      else ages.push(age);
+    }
+    ages.sort((a, b) => a - b);
+    const pick = (q) => ages[Math.min(ages.length - 1, Math.floor(q * ages.length))];
+    return {
+      ages_ms: ages.length ? { median: pick(0.5), p95: pick(0.95), max: ages[ages.length - 1], pictures: ages.length, unreadable } : null,
+    };
+  } finally {
+    fs.rmSync(dir, { recursive: true, force: true });
+  }
+}
+
 async function main() {
   const hostPid = Number(args['host-pid']);
   const xvfbPid = args['xvfb-pid'] ? Number(args['xvfb-pid']) : 0;
@@ -75,6 +134,7 @@ async function main() {
   let session = joined.body;
   let phase = 'joining'; // then 'settling', 'measuring', 'done'
   const saved = [];
+  const measured = [];
   const window = { frames: 0, bytes: 0, arrivals: [], mime: '' };
   let start = null;
   let finish;
@@ -94,7 +154,11 @@ async function main() {
     window.frames++;
     window.bytes += data.data.length;
     window.mime = data.mime_type;
-    window.arrivals.push(Date.now());
+    const arrived = Date.now();
+    window.arrivals.push(arrived);
+    // A decodable run: H.264 from its first IDR picture on.
+    if (measured.length > 0 || data.mime_type !== 'video/avc' || hasIdr(data.data))
+      measured.push({ bytes: data.data, arrived });
     if (window.frames >= frameTarget) finish();
   });
   const send = (event, data) => ws.send(encoder.encode({ event, data }));
@@ -116,6 +180,7 @@ async function main() {
   await new Promise((r) => setTimeout(r, settleMs));
   start = sample();
   phase = 'measuring';
+  if (args.ages) send('sync', {}); // a key frame to decode the measured run from
   if (args.seconds) setTimeout(finish, Number(args.seconds) * 1000);
   if (frameTarget === 0) finish(); // only what settling brought
   const timer = setTimeout(() => finish(new Error('timed out measuring')), kTimeout);
@@ -142,6 +207,7 @@ async function main() {
     // JPEG: the last picture; H.264: the whole stream, from the key frame that joining asked for.
     fs.writeFileSync(args.save, window.mime === 'image/jpeg' ? saved[saved.length - 1] : Buffer.concat(saved));
   }
+  if (args.ages) Object.assign(result, pictureAges(measured, window.mime));
   if (args.arrivals) fs.writeFileSync(args.arrivals, window.arrivals.join('\n') + '\n');
   await call('PUT', `sessions/${id}`, { state: 'ended' });
   ws.close();
