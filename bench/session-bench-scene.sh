@@ -41,8 +41,18 @@ session() {
   wait_for_line "$WORK/$name.host.out" '^session code: '
   local code
   code=$(sed -n 's/^session code: //p' "$WORK/$name.host.out")
+  local profiler=
+  if [ -n "${PROFILE_DIR:-}" ]; then
+    # Where the host's time goes, for the whole session (perf_event_paranoid 2 is enough).
+    perf record -q -F 499 -g -p "$host" -o "$PROFILE_DIR/$name.perf" 2>/dev/null &
+    profiler=$!
+  fi
   node "$ROOT/tools/devserver/bin/bench-agent.js" --api "$api" --code "$code" --license bench \
     --host-pid "$host" --xvfb-pid "$SCENE_XVFB_PID" "$@" >"$WORK/$name.json"
+  if [ -n "$profiler" ]; then
+    kill -INT "$profiler" 2>/dev/null || true
+    wait "$profiler" 2>/dev/null || true
+  fi
   kill "$host" "$service" 2>/dev/null || true
   wait "$host" "$service" 2>/dev/null || true
 }

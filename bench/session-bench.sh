@@ -7,7 +7,8 @@
 # server, bytes per frame, at scale 0.5 and 1.0, both encoders. Static scene: the host's CPU per
 # second over a minute, and PSNR of the last received picture against a grab of the same screen.
 # Usage: bench/session-bench.sh BUILD_DIR   (a build configured with -DQRV_BUILD_BENCH=ON)
-#   FRAMES (300), STATIC_SECONDS (60)
+#   FRAMES (300), STATIC_SECONDS (60); PROFILE_DIR=DIR also records a perf profile of the host
+#   for each session there (perf report -i DIR/NAME.perf)
 # Needs: xvfb xterm x11-apps x11-utils x11-xserver-utils xdotool ffmpeg time node
 set -euo pipefail
 BUILD=$(cd "${1:?usage: session-bench.sh BUILD_DIR}" && pwd)

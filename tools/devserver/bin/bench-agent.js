@@ -201,6 +201,7 @@ async function main() {
     xvfb_cpu_ms: end.xvfb - start.xvfb,
     host_rss_kib: status(hostPid, 'VmRSS'),
     host_hwm_kib: status(hostPid, 'VmHWM'),
+    host_anon_kib: status(hostPid, 'RssAnon') + status(hostPid, 'RssShmem'),
     host_threads: status(hostPid, 'Threads'),
   };
   if (args.save) {
