@@ -98,12 +98,20 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
 
   await t.test('shows a JPEG frame', async () => {
     const jpeg = fs.readFileSync(path.join(here, 'fixtures', 'red-blue.jpg'));
-    const id = stream.send('frame', { type: 'Frame', id: 0, data: jpeg, timestamp: new Date().toISOString(), mime_type: 'image/jpeg' });
+    // As the device writes it: to the second.
+    const sent = new Date().toISOString().replace(/\.\d+Z$/, 'Z');
+    const id = stream.send('frame', { type: 'Frame', id: 0, data: jpeg, timestamp: sent, mime_type: 'image/jpeg' });
     await stream.ack(id);
     await waitText('#stat-frames', '1');
     near(await pixel(8, 24), [255, 0, 0], 'left half');
     near(await pixel(56, 24), [0, 0, 255], 'right half');
     assert.equal(await text('#stat-codec'), 'image/jpeg');
+    // Each painted frame is kept with the device's timestamp, for measuring the picture's age.
+    const [record] = await page.evaluate(() => window.quorvixConsole.screen.recentFrames);
+    assert.equal(record.id, 0);
+    assert.equal(record.bytes, jpeg.length);
+    assert.equal(record.sent, Math.floor(Date.parse(sent) / 1000) * 1000);
+    assert.ok(record.received >= record.sent && record.painted >= record.received, JSON.stringify(record));
     await screenshot('jpeg');
   });
 
@@ -120,6 +128,8 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
     near(await pixel(32, 24), [0, 0, 192], 'last picture');
     assert.equal(await text('#stat-codec'), 'video/avc');
     assert.notEqual(await text('#stat-age'), '–');
+    const records = await page.evaluate(() => window.quorvixConsole.screen.recentFrames.slice(1));
+    assert.deepEqual(records.map((r) => [r.id, r.key]), [[1, true], [2, false], [3, false], [4, false], [5, false], [6, false]]);
     await screenshot('h264');
   });
 
