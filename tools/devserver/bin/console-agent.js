@@ -226,7 +226,7 @@ async function story(browser) {
   await waitText('#s-state', 'active', 'the session to become active');
   step('session active');
   await until(async () => (await counts()).painted > 0, 'the first picture in the console');
-  summary.mime_types.push(await page.$eval('#stat-codec', (e) => e.textContent));
+  summary.mime_types.push(await console_(() => window.quorvixConsole.screen.codec));
   await screenshot('first-picture');
   step(`first picture painted: ${summary.mime_types[0]}`);
   const avc = summary.mime_types[0] === 'video/avc';
