@@ -11,6 +11,8 @@
 //   console-agent.js --api URL --code CODE --display :N [--license KEY] [--type TEXT]
 //                    [--out DIR]                (screenshots of the console and of the X screen)
 //                    [--restart-command CMD]    (run mid-session: stops and restarts the service)
+//                    [--host-output FILE]       (the demo's standard output: the session ends only
+//                                                once it reports the click and the text)
 //                    [--chromium PATH]
 import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
@@ -27,6 +29,7 @@ const { values: args } = parseArgs({
     type: { type: 'string', default: 'hi' },
     out: { type: 'string' },
     'restart-command': { type: 'string' },
+    'host-output': { type: 'string' },
     chromium: { type: 'string' },
   },
 });
@@ -329,15 +332,27 @@ async function story(browser) {
     'the device to take input',
   );
   step('the device follows the pointer');
+  const inputAt = Date.now();
   await page.mouse.move(...(await at(buttonX, buttonY)));
   await page.mouse.down();
   await page.mouse.up();
   await page.focus('#stage');
   await page.keyboard.type(args.type);
   step(`clicked "Say hello" in the picture and typed "${args.type}"`);
-  // The click changes the window: its picture is the sign the input landed before the end.
-  const afterInput = (await counts()).painted;
-  await until(async () => (await counts()).painted > afterInput, 'a picture after the input');
+  // The click changes the window: a picture of it shows the input reached the device.
+  await until(
+    () => page.evaluate((since) => window.quorvixConsole.screen.recentFrames.some((f) => f.received > since), inputAt),
+    'a picture after the input',
+  );
+  if (args['host-output']) {
+    // Ending the session ends the demo, which might not have read its last key events by then.
+    const lines = [`clicked "Say hello"`, ...[...args.type].map((ch) => `typed "${ch}"`)];
+    await until(() => {
+      const output = fs.readFileSync(args['host-output'], 'utf8').split('\n');
+      return lines.every((line) => output.includes(line));
+    }, 'the demo to report the click and the text');
+    step('the demo reported the click and the text');
+  }
   await screenshot('typed');
   if (args.out) {
     const file = path.join(args.out, 'x-screen.png');
