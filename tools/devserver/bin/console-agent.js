@@ -420,37 +420,41 @@ async function restartService(page, counts, wiggle, screenshot) {
 }
 
 // Throws the console's H.264 decoder away, as a decoding error would: the console asks the device
-// for a key frame (a "sync"), and decoding goes on from the key frame that answers.
+// for a key frame (a "sync"), and decoding goes on from the key frame that answers. The device's
+// own key frames are 120 frames or 10 s apart; the answer comes within the frames already in
+// flight when the sync arrives.
+const kKeyFrameAnswerWithin = 10; // frames
+
 async function resync(page, counts, wiggle) {
   const before = await page.evaluate(() => {
     const { screen } = window.quorvixConsole;
     screen.reset();
-    return { asks: screen.keyFrameAsks, painted: screen.paintedCount, at: performance.timeOrigin + performance.now() };
+    return { asks: screen.keyFrameAsks, painted: screen.paintedCount, received: screen.receivedCount };
   });
   const key = await until(
     async () => {
       await wiggle();
       return page.evaluate(
-        (since) => window.quorvixConsole.screen.recentFrames.find((f) => f.key && f.received > since) ?? null,
-        before.at,
+        (since) => window.quorvixConsole.screen.recentFrames.find((f) => f.key && f.seq > since) ?? null,
+        before.received,
       );
     },
     'a key frame after the decoder was reset',
   );
   const asks = await page.evaluate(() => window.quorvixConsole.screen.keyFrameAsks);
   if (asks <= before.asks) throw new Error('the console did not ask for a key frame');
+  const waited = key.seq - before.received;
+  if (waited > kKeyFrameAnswerWithin)
+    throw new Error(`the key frame came ${waited} frames after the console asked: not an answer to its sync`);
   await until(
     async () => {
       await wiggle();
-      return page.evaluate(
-        (id) => window.quorvixConsole.screen.recentFrames.filter((f) => f.id > id).length >= 3,
-        key.id,
-      );
+      return page.evaluate((seq) => window.quorvixConsole.screen.recentFrames.filter((f) => f.seq > seq).length >= 3, key.seq);
     },
     'pictures decoded after the key frame',
   );
-  summary.resync = { key_frame_id: key.id, painted_before: before.painted, painted_after: (await counts()).painted };
-  step(`the console asked for a key frame; frame ${key.id} came as one and decoding went on`);
+  summary.resync = { key_frame_id: key.id, frames_until_key: waited, painted_before: before.painted, painted_after: (await counts()).painted };
+  step(`the console asked for a key frame; it came ${waited} frame(s) later (frame ${key.id}) and decoding went on`);
 }
 
 // Capture to console: the X pointer moves to a free spot of the desktop, and the page watches

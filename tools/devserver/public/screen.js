@@ -49,8 +49,9 @@ export class Screen {
     this.paintedCount = 0;
     this.receivedCount = 0;
     this.receivedBytes = 0;
-    // The last frames painted, oldest first: { id, key, bytes, sent, received, painted }, times
-    // in ms since 1970. `sent` is the device's timestamp, which the wire gives to the second.
+    // The last frames painted, oldest first: { id, seq, key, bytes, sent, received, painted },
+    // `seq` counting the frames received, times in ms since 1970. `sent` is the device's
+    // timestamp, which the wire gives to the second.
     this.recentFrames = [];
     this.lastPaint_ = null;
     this.codec = null;
@@ -74,6 +75,7 @@ export class Screen {
     const sent = typeof frame.timestamp === 'string' ? Date.parse(frame.timestamp) : NaN;
     const record = {
       id: frame.id,
+      seq: this.receivedCount,
       key: frame.mime_type === 'image/jpeg',
       bytes: bytes.length,
       sent: Number.isNaN(sent) ? null : sent,
