@@ -38,6 +38,7 @@ for (const required of ['api', 'code', 'display'])
 
 const kStepTimeout = 20_000; // one step on a loaded machine
 const kRestartTimeout = 45_000; // the service's restart and everyone's reconnection
+const kStoryTimeout = 100_000; // the whole story, should something wait without a bound
 const kLatencySamples = 12;
 const kInkColour = '#ff3b30';
 const kLaserColour = '#ff00ff';
@@ -192,9 +193,8 @@ async function story(browser) {
     if (!args.out) return;
     await page.screenshot({ path: path.join(args.out, `console-${String(++shots).padStart(2, '0')}-${name}.png`) });
   };
-  const console_ = (expression, ...rest) => page.evaluate(expression, ...rest);
   const counts = () =>
-    console_(() => {
+    page.evaluate(() => {
       const { screen } = window.quorvixConsole;
       const { width, height } = screen.stats();
       return { painted: screen.paintedCount, received: screen.receivedCount, bytes: screen.receivedBytes, width, height };
@@ -229,7 +229,7 @@ async function story(browser) {
   await waitText('#s-state', 'active', 'the session to become active');
   step('session active');
   await until(async () => (await counts()).painted > 0, 'the first picture in the console');
-  summary.mime_types.push(await console_(() => window.quorvixConsole.screen.codec));
+  summary.mime_types.push(await page.evaluate(() => window.quorvixConsole.screen.codec));
   await screenshot('first-picture');
   step(`first picture painted: ${summary.mime_types[0]}`);
   const avc = summary.mime_types[0] === 'video/avc';
@@ -253,8 +253,8 @@ async function story(browser) {
     .filter(([x, y]) => clear(x, y) && clear(x + 120, y + 60));
   if (spots.length < 2) throw new Error('no free part of the desktop for the pointer and the ink');
 
-  // Moves the X pointer somewhere and waits for a picture painted after it; the screen changes
-  // only where the cursor was and is, so this keeps frames coming while the story waits.
+  // Moves the X pointer to and fro on a free spot: the picture changes only where the cursor was
+  // and is, which keeps frames coming while the story waits for something in them.
   let nudge = 0;
   const wiggle = async () => {
     const [x, y] = spots[0];
@@ -366,7 +366,7 @@ async function story(browser) {
   step('session ended from the console');
 
   const totals = await counts();
-  const frames = await console_(() => window.quorvixConsole.screen.recentFrames);
+  const frames = await page.evaluate(() => window.quorvixConsole.screen.recentFrames);
   summary.frames = totals.painted;
   summary.frames_received = totals.received;
   summary.bytes = totals.bytes;
@@ -501,6 +501,12 @@ async function measureLatency(page, spots, fractionOf) {
   summary.latency_ms = { median: percentile(samples, 50), p95: percentile(samples, 95), samples: samples.length };
   step(`capture to console: median ${summary.latency_ms.median} ms, 95th percentile ${summary.latency_ms.p95} ms (pointer moves)`);
 }
+
+// Puppeteer stops the browser when this process exits.
+setTimeout(() => {
+  console.error(`console agent: the story did not end within ${kStoryTimeout / 1000} s`);
+  process.exit(1);
+}, kStoryTimeout).unref();
 
 main().then(
   () => {
