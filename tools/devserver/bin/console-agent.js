@@ -39,7 +39,7 @@ for (const required of ['api', 'code', 'display'])
 const kStepTimeout = 20_000; // one step on a loaded machine
 const kRestartTimeout = 45_000; // the service's restart and everyone's reconnection
 const kStoryTimeout = 100_000; // the whole story, should something wait without a bound
-const kLatencySamples = 12;
+const kLatencySamples = 20;
 const kInkColour = '#ff3b30';
 const kLaserColour = '#ff00ff';
 const started = Date.now();
@@ -457,6 +457,8 @@ async function resync(page, counts, wiggle) {
   step(`the console asked for a key frame; it came ${waited} frame(s) later (frame ${key.id}) and decoding went on`);
 }
 
+const kFramePeriodMs = 100; // the device looks for changes ten times a second
+
 // Capture to console: the X pointer moves to a free spot of the desktop, and the page watches
 // the picture there until the cursor shows; the sample is the paint time of the picture that
 // showed it minus the time the move was made, both on this machine's clock.
@@ -472,6 +474,9 @@ async function measureLatency(page, spots, fractionOf) {
       const top = Math.max(0, Math.round(py * canvas.height) - 2);
       window.quorvixProbe_ = { left, top, before: canvas.getContext('2d').getImageData(left, top, 12, 12).data };
     }, fx, fy);
+    // The last sample ended just after a paint, in step with the device's frame timer; without
+    // a random pause every move would land at the same point of its period.
+    await sleep(Math.random() * kFramePeriodMs * 1.5);
     onDisplayText('xdotool', 'mousemove', String(x), String(y));
     const moved = Date.now();
     const shown = await page.evaluate(
