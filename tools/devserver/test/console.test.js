@@ -5,7 +5,7 @@ import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { startService, tempDir, rest, scriptedSession, kLicense, kWait } from './support/harness.js';
+import { startService, tempDir, rest, scriptedSession, DeviceSocket, kStreamFilter, kLicense, kWait } from './support/harness.js';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const artefacts = path.join(here, '..', 'test-artifacts', 'console');
@@ -32,7 +32,8 @@ const chromium = findChromium();
 test('agent console', { skip: chromium ? false : 'chromium is not installed (apt-get install chromium)' }, async (t) => {
   const { default: puppeteer } = await import('puppeteer-core');
   fs.mkdirSync(artefacts, { recursive: true });
-  const service = await startService({ state: path.join(tempDir(), 'state.json') });
+  const state = path.join(tempDir(), 'state.json');
+  let service = await startService({ state });
   const browser = await puppeteer.launch({
     executablePath: chromium,
     headless: true,
@@ -70,7 +71,9 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
     return [box.x + fx * box.width, box.y + fy * box.height];
   };
 
-  const { session, control, stream } = await scriptedSession(service.base);
+  const scripted = await scriptedSession(service.base);
+  const { session } = scripted;
+  let { control, stream } = scripted;
   const putSession = (body) => rest(service.base, 'PUT', `api/1/sessions/${session.id}`, { body });
 
   await t.test('logs in and joins by code; the device admits the agent', async () => {
@@ -219,6 +222,25 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
     assert.equal(typeof probe.sent, 'number');
     stream.send('alive', probe);
     await page.waitForFunction(() => document.getElementById('notices').textContent.includes('answered the probe'));
+  });
+
+  await t.test('after the service restarts on its port, the console is back in the session', async () => {
+    const link = () => page.evaluate(() => ({ open: window.quorvixConsole.link().isOpen, count: window.quorvixConsole.link().openCount }));
+    assert.deepEqual(await link(), { open: true, count: 1 });
+    await service.stop();
+    service = await startService({ state, port: service.port });
+    control = new DeviceSocket(session.control_url, session.control_token, ['session']);
+    stream = new DeviceSocket(session.stream_url, session.stream_token, kStreamFilter);
+    await Promise.all([control.opened, stream.opened]);
+    // A new connection asks for a complete picture, as the first did.
+    await stream.event('sync');
+    assert.deepEqual(await link(), { open: true, count: 2 });
+    const frames = Number(await text('#stat-frames'));
+    const jpeg = fs.readFileSync(path.join(here, 'fixtures', 'red-blue.jpg'));
+    stream.send('frame', { type: 'Frame', id: 10, data: jpeg, timestamp: new Date().toISOString(), mime_type: 'image/jpeg' });
+    await waitText('#stat-frames', String(frames + 1));
+    assert.equal(await text('#s-code'), session.code);
+    await screenshot('reconnected');
   });
 
   await t.test('ends the session', async () => {
