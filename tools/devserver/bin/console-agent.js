@@ -128,6 +128,14 @@ function grabScreen() {
   return { width, height, pixels };
 }
 
+// A PNG of the X screen in the --out folder; its path, or null without one.
+function screenshotX(name) {
+  if (!args.out) return null;
+  const file = path.join(args.out, name);
+  onDisplay('ffmpeg', '-loglevel', 'error', '-y', '-f', 'x11grab', '-i', args.display, '-frames:v', '1', file);
+  return file;
+}
+
 // How many pixels of the X screen within `box` (root pixels) are close to the colour.
 function pixelsOfColour(grab, colour, box) {
   const want = [1, 3, 5].map((i) => parseInt(colour.slice(i, i + 2), 16));
@@ -284,6 +292,7 @@ async function story(browser) {
   summary.ink_pixels = await until(() => pixelsOfColour(grabScreen(), kInkColour, inkBox), 'the ink on the X screen');
   summary.own_windows = ownWindows();
   await screenshot('drawing');
+  screenshotX('x-screen-ink.png');
   step(`drew a stroke; ${summary.ink_pixels} pixels of ink on the X screen`);
   await page.click('#clear');
   await until(() => pixelsOfColour(grabScreen(), kInkColour, inkBox) === 0, 'the ink to leave the X screen');
@@ -354,11 +363,8 @@ async function story(browser) {
     step('the demo reported the click and the text');
   }
   await screenshot('typed');
-  if (args.out) {
-    const file = path.join(args.out, 'x-screen.png');
-    execFileSync('ffmpeg', ['-loglevel', 'error', '-y', '-f', 'x11grab', '-i', args.display, '-frames:v', '1', file], { timeout: 10_000 });
-    step(`screenshot of the X screen: ${file}`);
-  }
+  const shot = screenshotX('x-screen.png');
+  if (shot) step(`screenshot of the X screen: ${shot}`);
 
   await page.click('#end');
   await waitText('#s-state', 'ended (agent_ended)', 'the end of the session');
