@@ -10,6 +10,7 @@
 //
 //   console-agent.js --api URL --code CODE --display :N [--license KEY] [--type TEXT]
 //                    [--out DIR]                (screenshots of the console and of the X screen)
+//                    [--screenshot FILE]        (a PNG of the X screen once the text has landed)
 //                    [--restart-command CMD]    (run mid-session: stops and restarts the service)
 //                    [--host-output FILE]       (the demo's standard output: the session ends only
 //                                                once it reports the click and the text)
@@ -28,6 +29,7 @@ const { values: args } = parseArgs({
     license: { type: 'string', default: 'quorvix-dev-license' },
     type: { type: 'string', default: 'hi' },
     out: { type: 'string' },
+    screenshot: { type: 'string' },
     'restart-command': { type: 'string' },
     'host-output': { type: 'string' },
     chromium: { type: 'string' },
@@ -128,10 +130,9 @@ function grabScreen() {
   return { width, height, pixels };
 }
 
-// A PNG of the X screen in the --out folder; its path, or null without one.
-function screenshotX(name) {
-  if (!args.out) return null;
-  const file = path.join(args.out, name);
+// A PNG of the X screen in the --out folder (or at `file`); its path, or null without either.
+function screenshotX(name, file = args.out ? path.join(args.out, name) : null) {
+  if (!file) return null;
   onDisplay('ffmpeg', '-loglevel', 'error', '-y', '-f', 'x11grab', '-i', args.display, '-frames:v', '1', file);
   return file;
 }
@@ -363,7 +364,7 @@ async function story(browser) {
     step('the demo reported the click and the text');
   }
   await screenshot('typed');
-  const shot = screenshotX('x-screen.png');
+  const shot = screenshotX('x-screen.png', args.screenshot);
   if (shot) step(`screenshot of the X screen: ${shot}`);
 
   await page.click('#end');
