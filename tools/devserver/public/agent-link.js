@@ -35,6 +35,7 @@ export class SessionLink {
     this.onState_ = onState;
     this.closed_ = false;
     this.delay_ = 1000;
+    this.openCount = 0; // connections made, the first included
     this.connect_();
   }
 
@@ -43,6 +44,7 @@ export class SessionLink {
     ws.binaryType = 'arraybuffer';
     ws.onopen = () => {
       this.delay_ = 1000;
+      ++this.openCount;
       this.onState_('open');
     };
     ws.onmessage = (message) => {
@@ -63,6 +65,10 @@ export class SessionLink {
       this.delay_ = Math.min(this.delay_ * 2, 10_000);
     };
     this.ws_ = ws;
+  }
+
+  get isOpen() {
+    return this.ws_?.readyState === WebSocket.OPEN;
   }
 
   send(event, data) {

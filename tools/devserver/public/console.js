@@ -285,4 +285,12 @@ setInterval(() => {
   $('stat-size').textContent = `${s.width}×${s.height}`;
 }, 250);
 
+// For measurements and the end-to-end tests: the screen with its counts and recent frames, and
+// the session being watched with its link.
+window.quorvixConsole = {
+  screen,
+  session: () => current?.session ?? null,
+  link: () => current?.link ?? null,
+};
+
 show(login ? 'lobby-view' : 'login-view');

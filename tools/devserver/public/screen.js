@@ -1,7 +1,12 @@
 // Puts the device's frames on a canvas: JPEG pictures through createImageBitmap, H.264
-// Annex B access units through WebCodecs. Keeps the numbers the console shows.
+// Annex B access units through WebCodecs. Keeps the numbers the console shows, and the last
+// painted frames for whoever measures the stream (see `recentFrames`).
 
 const kWindowMs = 1000;
+const kRecentFrames = 1000;
+
+// Milliseconds since 1970 on this machine's clock, comparable with the device's when it runs here.
+const epochNow = () => performance.timeOrigin + performance.now();
 
 function hex(byte) {
   return byte.toString(16).padStart(2, '0');
@@ -42,6 +47,12 @@ export class Screen {
     this.received_ = []; // [time, bytes]
     this.painted_ = []; // times
     this.paintedCount = 0;
+    this.receivedCount = 0;
+    this.receivedBytes = 0;
+    // The last frames painted, oldest first: { id, seq, key, bytes, sent, received, painted },
+    // `seq` counting the frames received, times in ms since 1970. `sent` is the device's
+    // timestamp, which the wire gives to the second.
+    this.recentFrames = [];
     this.lastPaint_ = null;
     this.codec = null;
     this.jpegSequence_ = 0;
@@ -49,19 +60,33 @@ export class Screen {
     this.decoder_ = null;
     this.avcCodec_ = null;
     this.chunkTime_ = 0;
+    this.chunkFrames_ = new Map(); // chunk timestamp -> frame record, until decoded
     this.lastSyncAsk_ = 0;
+    this.keyFrameAsks = 0;
   }
 
   push(frame) {
     const bytes = frame.data;
     if (!(bytes instanceof Uint8Array)) return;
     this.received_.push([performance.now(), bytes.length]);
+    ++this.receivedCount;
+    this.receivedBytes += bytes.length;
     this.codec = frame.mime_type;
-    if (frame.mime_type === 'image/jpeg') this.jpeg_(bytes);
-    else if (frame.mime_type === 'video/avc') this.avc_(bytes);
+    const sent = typeof frame.timestamp === 'string' ? Date.parse(frame.timestamp) : NaN;
+    const record = {
+      id: frame.id,
+      seq: this.receivedCount,
+      key: frame.mime_type === 'image/jpeg',
+      bytes: bytes.length,
+      sent: Number.isNaN(sent) ? null : sent,
+      received: epochNow(),
+      painted: null,
+    };
+    if (frame.mime_type === 'image/jpeg') this.jpeg_(bytes, record);
+    else if (frame.mime_type === 'video/avc') this.avc_(bytes, record);
   }
 
-  async jpeg_(bytes) {
+  async jpeg_(bytes, record) {
     const sequence = ++this.jpegSequence_;
     let bitmap;
     try {
@@ -73,12 +98,12 @@ export class Screen {
     // Decodes can finish out of order; an older picture never replaces a newer one.
     if (sequence > this.jpegShown_) {
       this.jpegShown_ = sequence;
-      this.paint_(bitmap, bitmap.width, bitmap.height);
+      this.paint_(bitmap, bitmap.width, bitmap.height, record);
     }
     bitmap.close();
   }
 
-  avc_(bytes) {
+  avc_(bytes, record) {
     const units = nalUnits(bytes);
     const sps = units.find((u) => u.type === 7);
     const key = units.some((u) => u.type === 5);
@@ -90,6 +115,10 @@ export class Screen {
     if (this.needKey_ && !key) return this.askForKeyFrame_();
     this.needKey_ = false;
     this.chunkTime_ += 100_000;
+    record.key = key;
+    this.chunkFrames_.set(this.chunkTime_, record);
+    // A decoder that swallows chunks must not grow the map without end.
+    if (this.chunkFrames_.size > kRecentFrames) this.chunkFrames_.delete(this.chunkFrames_.keys().next().value);
     try {
       this.decoder_.decode(new EncodedVideoChunk({ type: key ? 'key' : 'delta', timestamp: this.chunkTime_, data: bytes }));
     } catch (error) {
@@ -101,7 +130,9 @@ export class Screen {
     this.reset();
     const decoder = new VideoDecoder({
       output: (picture) => {
-        this.paint_(picture, picture.displayWidth, picture.displayHeight);
+        const record = this.chunkFrames_.get(picture.timestamp) ?? null;
+        this.chunkFrames_.delete(picture.timestamp);
+        this.paint_(picture, picture.displayWidth, picture.displayHeight, record);
         picture.close();
       },
       error: (error) => {
@@ -125,6 +156,7 @@ export class Screen {
     const now = performance.now();
     if (now - this.lastSyncAsk_ < 1000) return;
     this.lastSyncAsk_ = now;
+    ++this.keyFrameAsks;
     this.onNeedKeyFrame_();
   }
 
@@ -132,9 +164,10 @@ export class Screen {
     if (this.decoder_ && this.decoder_.state !== 'closed') this.decoder_.close();
     this.decoder_ = null;
     this.avcCodec_ = null;
+    this.chunkFrames_.clear();
   }
 
-  paint_(image, width, height) {
+  paint_(image, width, height, record) {
     if (this.canvas_.width !== width || this.canvas_.height !== height) {
       this.canvas_.width = width;
       this.canvas_.height = height;
@@ -145,6 +178,11 @@ export class Screen {
     this.painted_.push(now);
     this.lastPaint_ = now;
     ++this.paintedCount;
+    if (record) {
+      record.painted = epochNow();
+      this.recentFrames.push(record);
+      if (this.recentFrames.length > kRecentFrames) this.recentFrames.shift();
+    }
   }
 
   stats() {

@@ -5,7 +5,7 @@ import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { startService, tempDir, rest, scriptedSession, kLicense, kWait } from './support/harness.js';
+import { startService, tempDir, rest, scriptedSession, DeviceSocket, kStreamFilter, kLicense, kWait } from './support/harness.js';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const artefacts = path.join(here, '..', 'test-artifacts', 'console');
@@ -32,7 +32,8 @@ const chromium = findChromium();
 test('agent console', { skip: chromium ? false : 'chromium is not installed (apt-get install chromium)' }, async (t) => {
   const { default: puppeteer } = await import('puppeteer-core');
   fs.mkdirSync(artefacts, { recursive: true });
-  const service = await startService({ state: path.join(tempDir(), 'state.json') });
+  const state = path.join(tempDir(), 'state.json');
+  let service = await startService({ state });
   const browser = await puppeteer.launch({
     executablePath: chromium,
     headless: true,
@@ -70,7 +71,9 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
     return [box.x + fx * box.width, box.y + fy * box.height];
   };
 
-  const { session, control, stream } = await scriptedSession(service.base);
+  const scripted = await scriptedSession(service.base);
+  const { session } = scripted;
+  let { control, stream } = scripted;
   const putSession = (body) => rest(service.base, 'PUT', `api/1/sessions/${session.id}`, { body });
 
   await t.test('logs in and joins by code; the device admits the agent', async () => {
@@ -98,12 +101,20 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
 
   await t.test('shows a JPEG frame', async () => {
     const jpeg = fs.readFileSync(path.join(here, 'fixtures', 'red-blue.jpg'));
-    const id = stream.send('frame', { type: 'Frame', id: 0, data: jpeg, timestamp: new Date().toISOString(), mime_type: 'image/jpeg' });
+    // As the device writes it: to the second.
+    const sent = new Date().toISOString().replace(/\.\d+Z$/, 'Z');
+    const id = stream.send('frame', { type: 'Frame', id: 0, data: jpeg, timestamp: sent, mime_type: 'image/jpeg' });
     await stream.ack(id);
     await waitText('#stat-frames', '1');
     near(await pixel(8, 24), [255, 0, 0], 'left half');
     near(await pixel(56, 24), [0, 0, 255], 'right half');
     assert.equal(await text('#stat-codec'), 'image/jpeg');
+    // Each painted frame is kept with the device's timestamp, for measuring the picture's age.
+    const [record] = await page.evaluate(() => window.quorvixConsole.screen.recentFrames);
+    assert.equal(record.id, 0);
+    assert.equal(record.bytes, jpeg.length);
+    assert.equal(record.sent, Math.floor(Date.parse(sent) / 1000) * 1000);
+    assert.ok(record.received >= record.sent && record.painted >= record.received, JSON.stringify(record));
     await screenshot('jpeg');
   });
 
@@ -120,6 +131,8 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
     near(await pixel(32, 24), [0, 0, 192], 'last picture');
     assert.equal(await text('#stat-codec'), 'video/avc');
     assert.notEqual(await text('#stat-age'), '–');
+    const records = await page.evaluate(() => window.quorvixConsole.screen.recentFrames.slice(1));
+    assert.deepEqual(records.map((r) => [r.id, r.key]), [[1, true], [2, false], [3, false], [4, false], [5, false], [6, false]]);
     await screenshot('h264');
   });
 
@@ -209,6 +222,25 @@ test('agent console', { skip: chromium ? false : 'chromium is not installed (apt
     assert.equal(typeof probe.sent, 'number');
     stream.send('alive', probe);
     await page.waitForFunction(() => document.getElementById('notices').textContent.includes('answered the probe'));
+  });
+
+  await t.test('after the service restarts on its port, the console is back in the session', async () => {
+    const link = () => page.evaluate(() => ({ open: window.quorvixConsole.link().isOpen, count: window.quorvixConsole.link().openCount }));
+    assert.deepEqual(await link(), { open: true, count: 1 });
+    await service.stop();
+    service = await startService({ state, port: service.port });
+    control = new DeviceSocket(session.control_url, session.control_token, ['session']);
+    stream = new DeviceSocket(session.stream_url, session.stream_token, kStreamFilter);
+    await Promise.all([control.opened, stream.opened]);
+    // A new connection asks for a complete picture, as the first did.
+    await stream.event('sync');
+    assert.deepEqual(await link(), { open: true, count: 2 });
+    const frames = Number(await text('#stat-frames'));
+    const jpeg = fs.readFileSync(path.join(here, 'fixtures', 'red-blue.jpg'));
+    stream.send('frame', { type: 'Frame', id: 10, data: jpeg, timestamp: new Date().toISOString(), mime_type: 'image/jpeg' });
+    await waitText('#stat-frames', String(frames + 1));
+    assert.equal(await text('#s-code'), session.code);
+    await screenshot('reconnected');
   });
 
   await t.test('ends the session', async () => {
