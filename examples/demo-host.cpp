@@ -11,6 +11,8 @@
 
 #include <cairo-xcb.h>
 #include <cairo.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,9 +20,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <future>
+#include <map>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "quorvix/Log.h"
 #include "quorvix/Quorvix.h"
@@ -260,20 +267,66 @@ class DemoWindow {
   const Button buttons_[2] = {{"Say hello", 20, 120, 140, 40}, {"Clear", 180, 120, 100, 40}};
 };
 
-// Entries of a /proc folder; with `linkPrefix`, only symbolic links whose target starts so.
-int countEntries(const char* folder, const char* linkPrefix = nullptr) {
-  int count = 0;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-    if (!linkPrefix) {
-      ++count;
-      continue;
+// The address a connected Unix socket's peer is bound to ("@" for the abstract namespace).
+std::string unixPeer(int fd) {
+  sockaddr_un address{};
+  socklen_t length = sizeof address;
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+      length <= sizeof(sa_family_t))
+    return "(unnamed)";
+  std::string path(address.sun_path, length - sizeof(sa_family_t));
+  if (!path.empty() && path[0] == '\0')
+    path[0] = '@';
+  return path.c_str();
+}
+
+// Open sockets of this process, each as "tcp port N" (its peer), "unix PEER" or "other".
+std::vector<std::string> openSockets() {
+  std::map<std::string, std::string> tcpPeers;  // inode -> peer
+  for (const char* table : {"/proc/self/net/tcp", "/proc/self/net/tcp6"}) {
+    std::ifstream in(table);
+    std::string line;
+    std::getline(in, line);  // header
+    while (std::getline(in, line)) {
+      std::istringstream fields(line);
+      std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
+      fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
+          timeout >> inode;
+      const auto colon = remote.rfind(':');
+      if (colon != std::string::npos)
+        tcpPeers[inode] =
+            "tcp port " + std::to_string(std::stoi(remote.substr(colon + 1), nullptr, 16));
     }
-    const auto target = std::filesystem::read_symlink(entry.path(), error);
-    if (!error && target.string().rfind(linkPrefix, 0) == 0)
-      ++count;
   }
-  return count;
+  std::set<std::string> unixInodes;
+  {
+    std::ifstream in("/proc/self/net/unix");
+    std::string line;
+    std::getline(in, line);
+    while (std::getline(in, line)) {
+      std::istringstream fields(line);
+      std::string skip, inode;
+      for (int i = 0; i < 6; ++i)
+        fields >> skip;
+      fields >> inode;
+      unixInodes.insert(inode);
+    }
+  }
+  std::vector<std::string> sockets;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+    const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
+    if (error || target.rfind("socket:[", 0) != 0)
+      continue;
+    const std::string inode = target.substr(8, target.size() - 9);
+    if (auto found = tcpPeers.find(inode); found != tcpPeers.end())
+      sockets.push_back(found->second);
+    else
+      sockets.push_back(unixInodes.count(inode)
+                            ? "unix " + unixPeer(std::stoi(entry.path().filename()))
+                            : "other");
+  }
+  return sockets;
 }
 
 }  // namespace
@@ -327,7 +380,21 @@ int main(int argc, char** argv) {
   quorvix.stop([stopped](std::optional<QRVError>) { stopped->set_value(); });
   stopped->get_future().wait_for(std::chrono::seconds(3));
   // What the session left behind, for whoever watches the demo (and the end-to-end test).
-  std::printf("left behind: %d threads besides main, %d sockets\n",
-              countEntries("/proc/self/task") - 1, countEntries("/proc/self/fd", "socket:"));
+  std::string threads;
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    if (task.path().filename() == std::to_string(getpid()))
+      continue;
+    std::ifstream comm(task.path() / "comm");
+    std::string name;
+    std::getline(comm, name);
+    threads += " " + name;
+  }
+  std::string sockets;
+  for (const auto& socket : openSockets())
+    sockets += " " + socket;
+  std::printf("left behind: threads besides main:%s; sockets:%s\n",
+              threads.empty() ? " none" : threads.c_str(),
+              sockets.empty() ? " none" : sockets.c_str());
   return 0;
 }
