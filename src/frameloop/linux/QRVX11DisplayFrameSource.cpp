@@ -68,7 +68,7 @@ void QRVX11DisplayFrameSource::capturingWillStop() {
   grabber_.reset();
   hasInput_ = false;
   latest_.reset();
-  lastRead_ = {};
+  lastRead_.reset();
   lastReadRect_ = {};
   detector_.reset();
 }
@@ -102,6 +102,7 @@ void QRVX11DisplayFrameSource::createInput(double scale) {
   hasInput_ = true;
   // A picture of the old screen or scale is not handed out for the new input.
   latest_.reset();
+  lastRead_.reset();
   detector_.reset();
   logger()->debug("final scale factor {:f}", inputScale_);
 }
@@ -166,9 +167,16 @@ void QRVX11DisplayFrameSource::captureIfDue() {
     detector_.reset();
     return;
   }
+  auto scaled = scaleRead(read, rect);
+  if (!scaled) {
+    detector_.reset();
+    return;
+  }
   if (action == CaptureChangeDetector::Action::compare) {
-    const bool differs = read.size() != lastRead_.size() ||
-                         std::memcmp(read.data(), lastRead_.data(), read.size()) != 0;
+    const auto now = scaled->bytes();
+    const bool differs = !lastRead_ || lastReadRect_ != rect ||
+                         now.size() != lastRead_->bytes().size() ||
+                         std::memcmp(now.data(), lastRead_->bytes().data(), now.size()) != 0;
     if (detector_.compared(differs))
       logger()->debug("the screen changed without a change notification; comparing every capture");
     if (!differs) {
@@ -177,7 +185,7 @@ void QRVX11DisplayFrameSource::captureIfDue() {
       return;
     }
   }
-  lastRead_.assign(read.begin(), read.end());
+  lastRead_ = std::move(scaled);
   lastReadRect_ = rect;
   logger()->debug("got capture output");
   latest_ = compose(pointer);
@@ -187,30 +195,40 @@ void QRVX11DisplayFrameSource::connectionLost() {
   logger()->error("display connection lost; capture resumes when the display is back");
   grabber_.reset();
   latest_.reset();
-  lastRead_ = {};
+  lastRead_.reset();
   lastReadRect_ = {};
   detector_.reset();
   nextReconnect_ = mainQueue_->clock().now() + kReconnectInterval;
 }
 
-std::shared_ptr<const QRVImage> QRVX11DisplayFrameSource::compose(const QRVPointerState& pointer) {
-  const QRVScreenRect& rect = lastReadRect_;
+std::shared_ptr<const QRVImage> QRVX11DisplayFrameSource::scaleRead(
+    std::span<const std::uint8_t> read,
+    const QRVScreenRect& rect) const {
   const int width = int(rect.width * inputScale_);
   const int height = int(rect.height * inputScale_);
   if (width <= 0 || height <= 0 ||
-      lastRead_.size() != std::size_t(rect.width) * rect.height * QRVImage::kBytesPerPixel)
+      read.size() != std::size_t(rect.width) * rect.height * QRVImage::kBytesPerPixel)
     return nullptr;
   std::vector<std::uint8_t> out(std::size_t(width) * height * QRVImage::kBytesPerPixel);
   if (width == rect.width && height == rect.height) {
-    std::memcpy(out.data(), lastRead_.data(), out.size());
-  } else if (libyuv::ARGBScale(lastRead_.data(), rect.width * 4, rect.width, rect.height,
-                               out.data(), width * 4, width, height,
-                               libyuv::kFilterBilinear) != 0) {
+    std::memcpy(out.data(), read.data(), out.size());
+  } else if (libyuv::ARGBScale(read.data(), rect.width * 4, rect.width, rect.height, out.data(),
+                               width * 4, width, height, libyuv::kFilterBilinear) != 0) {
+    logger()->debug("scaling the capture output failed");
     return nullptr;
   }
-  if (grabber_)
-    drawCursor(out.data(), width, height, rect, *grabber_->cursor(), pointer);
   return QRVImage::create(width, height, std::move(out));
+}
+
+std::shared_ptr<const QRVImage> QRVX11DisplayFrameSource::compose(const QRVPointerState& pointer) {
+  if (!lastRead_)
+    return nullptr;
+  const auto bytes = lastRead_->bytes();
+  std::vector<std::uint8_t> out(bytes.begin(), bytes.end());
+  if (grabber_)
+    drawCursor(out.data(), lastRead_->width(), lastRead_->height(), lastReadRect_,
+               *grabber_->cursor(), pointer);
+  return QRVImage::create(lastRead_->width(), lastRead_->height(), std::move(out));
 }
 
 }  // namespace quorvix

@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -71,7 +72,10 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   void createInput(double scale);
   void captureIfDue();
   void connectionLost();
-  // A new picture from the last read with the pointer drawn in; nullptr for an empty size.
+  // A read of `rect` brought to the output scale; nullptr for an empty size or a failed scale.
+  std::shared_ptr<const QRVImage> scaleRead(std::span<const std::uint8_t> read,
+                                            const QRVScreenRect& rect) const;
+  // A new picture from the last read with the pointer drawn in; nullptr without a read.
   std::shared_ptr<const QRVImage> compose(const QRVPointerState& pointer);
 
   const std::shared_ptr<Executor> mainQueue_;
@@ -87,8 +91,10 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   double inputScale_ = 1.0;
   std::shared_ptr<const QRVImage> latest_;
   CaptureChangeDetector detector_;
-  // The last read, without the cursor, kept to compare the next read with.
-  std::vector<std::uint8_t> lastRead_;
+  // The last read at the output scale, without the cursor: what a moved pointer is drawn over
+  // and what the next read is compared with. Kept scaled, so that a read is never copied whole:
+  // the scale is its only pass, and a difference too small to survive it would send nothing new.
+  std::shared_ptr<const QRVImage> lastRead_;
   QRVScreenRect lastReadRect_;
   SteadyTime nextCapture_{};
   SteadyTime nextReconnect_{};
