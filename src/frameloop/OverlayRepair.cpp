@@ -130,28 +130,38 @@ void replicateBackground(PixelView dst,
   const QRVScreenRect area = intersection(hole, dst.rect);
   if (area.isEmpty())
     return;
+  // Copies `part` from `i`, `j` tiles away when the root shows there.
+  auto tryOffset = [&](const QRVScreenRect& part, int i, int j) {
+    const QRVScreenRect source{part.x + i * kBackgroundTile, part.y + j * kBackgroundTile,
+                               part.width, part.height};
+    if (!intersection(source, area).isEmpty() || !showsRoot(source, reference, hidden))
+      return false;
+    for (int y = 0; y < part.height; ++y)
+      std::memmove(at(dst, part.x, part.y + y), at(reference, source.x, source.y + y),
+                   std::size_t(part.width) * kPixel);
+    return true;
+  };
   const int firstColumn = floorDiv(area.x, kBackgroundTile);
   const int lastColumn = floorDiv(area.x + area.width - 1, kBackgroundTile);
   const int firstRow = floorDiv(area.y, kBackgroundTile);
   const int lastRow = floorDiv(area.y + area.height - 1, kBackgroundTile);
+
+  // Most often the hole's width or height away, the root shows whole: one copy.
+  const int columns = lastColumn - firstColumn + 1;
+  const int rows = lastRow - firstRow + 1;
+  for (int k = 0; k <= kBackgroundSearchTiles; ++k)
+    if (tryOffset(area, 0, rows + k) || tryOffset(area, 0, -rows - k) ||
+        tryOffset(area, columns + k, 0) || tryOffset(area, -columns - k, 0))
+      return;
+
   for (int row = firstRow; row <= lastRow; ++row)
     for (int column = firstColumn; column <= lastColumn; ++column) {
       const QRVScreenRect part = intersection(
           area,
           {column * kBackgroundTile, row * kBackgroundTile, kBackgroundTile, kBackgroundTile});
-      auto tryOffset = [&](int i, int j) {
-        const QRVScreenRect source{part.x + i * kBackgroundTile, part.y + j * kBackgroundTile,
-                                   part.width, part.height};
-        if (!showsRoot(source, reference, hidden))
-          return false;
-        for (int y = 0; y < part.height; ++y)
-          std::memmove(at(dst, part.x, part.y + y), at(reference, source.x, source.y + y),
-                       std::size_t(part.width) * kPixel);
-        return true;
-      };
       bool filled = false;
       for (auto [i, j] : nearOffsets())
-        if ((filled = tryOffset(i, j)))
+        if ((filled = tryOffset(part, i, j)))
           break;
       // Deep inside a large hole: straight out past each of its edges, then further.
       const int left = floorDiv(area.x - part.x - part.width, kBackgroundTile);
@@ -160,8 +170,8 @@ void replicateBackground(PixelView dst,
       const int down = ceilDiv(area.y + area.height - part.y, kBackgroundTile);
       for (int k = 0; k <= kBackgroundSearchTiles && !filled; ++k)
         for (int shift : {0, -1, 1, -2, 2}) {
-          if ((filled = tryOffset(left - k, shift) || tryOffset(right + k, shift) ||
-                        tryOffset(shift, up - k) || tryOffset(shift, down + k)))
+          if ((filled = tryOffset(part, left - k, shift) || tryOffset(part, right + k, shift) ||
+                        tryOffset(part, shift, up - k) || tryOffset(part, shift, down + k)))
             break;
         }
       if (!filled)
