@@ -15,6 +15,7 @@
 
 #include "annotations/QRVLinuxAnnotations.h"
 #include "frameloop/linux/QRVX11DisplayFrameSource.h"
+#include "frameloop/linux/XcbShm.h"
 #include "session-ui/linux/X11Overlay.h"
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
@@ -227,6 +228,24 @@ TEST_F(DisplayOverlayTest, FramesWithTheOverlaysUpEqualFramesWithout) {
     canvas_.reset();
     indicator_.reset();
   }
+}
+
+TEST_F(DisplayOverlayTest, WithoutSharedMemoryTheWindowsBeneathAreReadThroughTheSocket) {
+  struct Reset {
+    ~Reset() { x11::ShmSegment::setKindsForTesting(x11::ShmSegment::Kinds::all); }
+  } reset;
+  x11::ShmSegment::setKindsForTesting(x11::ShmSegment::Kinds::none);
+  createWindows();
+  QRVX11DisplayFrameSource source(queue_, testDisplayName());
+  source.capturingWillStart();
+  auto without = settledFrame(source);
+  ASSERT_NE(without, nullptr);
+  showOverlays({0.25, 0.5});
+  auto with = freshFrame();
+  ASSERT_NE(with, nullptr);
+  const Mismatch m = compare(*without, *with);
+  EXPECT_EQ(m.count, 0) << "first differences:" << m.first;
+  EXPECT_TRUE(logs_.mentions("no shared memory with the X server"));
 }
 
 TEST_F(DisplayOverlayTest, TheRootBackgroundPictureFillsWhatNoWindowCovers) {

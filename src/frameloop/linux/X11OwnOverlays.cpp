@@ -5,6 +5,7 @@
 
 #include <xcb/composite.h>
 #include <xcb/damage.h>
+#include <xcb/shm.h>
 
 #include "utils/Logging.h"
 
@@ -27,6 +28,9 @@ QRVScreenRect outerRect(int x, int y, int width, int height, int border) {
 X11OwnOverlays::X11OwnOverlays(const XcbConnection& c) : c_(c) {
   ownAtom_ = internAtom(c_, "_QUORVIX_OWN_WINDOW");
   rootPixmapAtom_ = internAtom(c_, "_XROOTPMAP_ID");
+  useShm_ =
+      c_.hasExtension(&xcb_shm_id) &&
+      replyOf(c_, xcb_shm_query_version_reply, xcb_shm_query_version(c_.get()), "MIT-SHM version");
   canRedirect_ = c_.hasExtension(&xcb_composite_id) &&
                  replyOf(c_, xcb_composite_query_version_reply,
                          xcb_composite_query_version(c_.get(), 0, 4), "Composite version");
@@ -34,6 +38,7 @@ X11OwnOverlays::X11OwnOverlays(const XcbConnection& c) : c_(c) {
 }
 
 X11OwnOverlays::~X11OwnOverlays() {
+  scratch_.reset();
   for (auto& t : stack_)
     unwatch(t);
   setRedirected(false);
@@ -305,39 +310,56 @@ void X11OwnOverlays::repair(PixelView dst, ConstPixelView reference) {
   const auto background = rootPixmap();
 
   // Every read is asked for first and answered in order, so that the repair costs about one round
-  // trip whatever the number of windows.
+  // trip whatever the number of windows; into one shared segment when the server has MIT-SHM.
   struct Read {
     std::size_t hole;
     QRVScreenRect rect;
-    xcb_window_t window;  // XCB_NONE: the root background
-    xcb_get_image_cookie_t cookie;
+    xcb_drawable_t drawable;
+    bool window;        // else the root background
+    std::int16_t x, y;  // in the drawable
+    std::size_t offset = 0;
+    xcb_shm_get_image_cookie_t shmCookie{};
+    xcb_get_image_cookie_t cookie{};
   };
   std::vector<Read> reads;
   std::vector<bool> needsBackground(holes.size(), true);
+  std::size_t total = 0;
+  auto add = [&](Read r) {
+    r.offset = total;
+    total += std::size_t(r.rect.width) * r.rect.height * 4;
+    reads.push_back(r);
+  };
   for (std::size_t h = 0; h < holes.size(); ++h) {
     const QRVScreenRect& hole = holes[h];
     for (const auto& t : stack_)
       if (t.mapped && !t.own.value_or(false) && containsRect(t.rect, hole))
         needsBackground[h] = false;
-    if (needsBackground[h] && background && containsRect(background->rect, hole)) {
-      reads.push_back({h, hole, XCB_NONE,
-                       xcb_get_image(c_.get(), XCB_IMAGE_FORMAT_Z_PIXMAP, background->id,
-                                     std::int16_t(hole.x), std::int16_t(hole.y),
-                                     std::uint16_t(hole.width), std::uint16_t(hole.height), ~0u)});
-    }
+    if (needsBackground[h] && background && containsRect(background->rect, hole))
+      add({h, hole, background->id, false, std::int16_t(hole.x), std::int16_t(hole.y)});
     for (const auto& t : stack_) {
       if (!t.mapped || t.own.value_or(false))
         continue;
-      const QRVScreenRect part = intersection(t.rect, hole);
-      if (part.isEmpty())
-        continue;
       // GetImage of a redirected window reads its own pixmap, overlays above it left out.
-      reads.push_back({h, part, t.id,
-                       xcb_get_image(c_.get(), XCB_IMAGE_FORMAT_Z_PIXMAP, t.id,
-                                     std::int16_t(part.x - t.rect.x - t.border),
-                                     std::int16_t(part.y - t.rect.y - t.border),
-                                     std::uint16_t(part.width), std::uint16_t(part.height), ~0u)});
+      if (const QRVScreenRect part = intersection(t.rect, hole); !part.isEmpty())
+        add({h, part, t.id, true, std::int16_t(part.x - t.rect.x - t.border),
+             std::int16_t(part.y - t.rect.y - t.border)});
     }
+  }
+  if (useShm_ && total > 0 && (!scratch_ || scratch_->size() < total)) {
+    scratch_.reset();
+    // Sized for the whole screen at once, so that it is rarely made again.
+    scratch_ =
+        ShmSegment::create(c_, std::max(total, std::size_t(dst.rect.width) * dst.rect.height * 4));
+    useShm_ = scratch_ != nullptr;
+  }
+  for (auto& r : reads) {
+    if (useShm_)
+      r.shmCookie = xcb_shm_get_image(c_.get(), r.drawable, r.x, r.y, std::uint16_t(r.rect.width),
+                                      std::uint16_t(r.rect.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
+                                      scratch_->id(), std::uint32_t(r.offset));
+    else
+      r.cookie = xcb_get_image(c_.get(), XCB_IMAGE_FORMAT_Z_PIXMAP, r.drawable, r.x, r.y,
+                               std::uint16_t(r.rect.width), std::uint16_t(r.rect.height), ~0u);
   }
 
   std::size_t next = 0;
@@ -345,29 +367,42 @@ void X11OwnOverlays::repair(PixelView dst, ConstPixelView reference) {
     bool backgroundDrawn = !needsBackground[h];
     for (; next < reads.size() && reads[next].hole == h; ++next) {
       const Read& r = reads[next];
-      if (r.window != XCB_NONE && !backgroundDrawn) {
+      if (r.window && !backgroundDrawn) {
         replicateBackground(dst, holes[h], reference, hidden);
         backgroundDrawn = true;
       }
+      const std::size_t size = std::size_t(r.rect.width) * r.rect.height * 4;
       xcb_generic_error_t* error = nullptr;
-      XcbPtr<xcb_get_image_reply_t> image(xcb_get_image_reply(c_.get(), r.cookie, &error));
+      const std::uint8_t* pixels = nullptr;
+      std::uint8_t depth = 0;
+      XcbPtr<xcb_get_image_reply_t> image;
+      if (useShm_) {
+        XcbPtr<xcb_shm_get_image_reply_t> reply(
+            xcb_shm_get_image_reply(c_.get(), r.shmCookie, &error));
+        if (reply && reply->size == size) {
+          pixels = scratch_->data() + r.offset;
+          depth = reply->depth;
+        }
+      } else {
+        image.reset(xcb_get_image_reply(c_.get(), r.cookie, &error));
+        if (image && std::size_t(xcb_get_image_data_length(image.get())) == size) {
+          pixels = xcb_get_image_data(image.get());
+          depth = image->depth;
+        }
+      }
       if (error) {
         // Unmapped or closed since its last notification (BadMatch, BadDrawable): its
         // notification is on the way and the next capture goes without it.
         QRV_LOGGER_FOR(c_.category())
             ->debug("{} {:#x} could not be read under an overlay: X error {}",
-                    r.window == XCB_NONE ? "background" : "window",
-                    r.window == XCB_NONE ? background->id : r.window, error->error_code);
+                    r.window ? "window" : "background", r.drawable, error->error_code);
         std::free(error);
         continue;
       }
-      const std::size_t size = std::size_t(r.rect.width) * r.rect.height * 4;
-      if (!image || (image->depth != 24 && image->depth != 32) ||
-          std::size_t(xcb_get_image_data_length(image.get())) != size)
+      if (pixels == nullptr || (depth != 24 && depth != 32))
         continue;
-      drawPixels(dst, r.rect, xcb_get_image_data(image.get()),
-                 r.window != XCB_NONE && image->depth == 32);
-      if (r.window == XCB_NONE)
+      drawPixels(dst, r.rect, pixels, r.window && depth == 32);
+      if (!r.window)
         backgroundDrawn = true;
     }
     if (!backgroundDrawn)

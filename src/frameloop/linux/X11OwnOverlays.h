@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -18,6 +19,7 @@
 
 #include "frameloop/OverlayRepair.h"
 #include "frameloop/linux/XcbConnection.h"
+#include "frameloop/linux/XcbShm.h"
 
 namespace quorvix::x11 {
 
@@ -89,6 +91,8 @@ class X11OwnOverlays {
   std::uint8_t damageEvent_ = 0;
   std::vector<TopLevel> stack_;  // the root's children, bottom to top
   std::vector<QRVScreenRect> overlays_;
+  bool useShm_ = false;
+  std::unique_ptr<ShmSegment> scratch_;  // what the windows beneath are read into
   bool rootPixmapKnown_ = false;
   std::optional<RootPixmap> rootPixmap_;
 };
