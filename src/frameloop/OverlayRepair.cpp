@@ -126,10 +126,20 @@ void drawPixels(PixelView dst,
 void replicateBackground(PixelView dst,
                          const QRVScreenRect& hole,
                          ConstPixelView reference,
-                         std::span<const QRVScreenRect> hidden) {
+                         std::span<const QRVScreenRect> allHidden,
+                         std::span<const QRVScreenRect> covered) {
   const QRVScreenRect area = intersection(hole, dst.rect);
   if (area.isEmpty())
     return;
+  // Only what lies within reach of a source matters.
+  const int reach = (kBackgroundSearchTiles + 3) * kBackgroundTile;
+  const QRVScreenRect near{area.x - area.width - reach, area.y - area.height - reach,
+                           3 * area.width + 2 * reach, 3 * area.height + 2 * reach};
+  std::vector<QRVScreenRect> nearHidden;
+  for (const auto& h : allHidden)
+    if (!intersection(h, near).isEmpty())
+      nearHidden.push_back(h);
+  const std::span<const QRVScreenRect> hidden = nearHidden;
   // Copies `part` from `i`, `j` tiles away when the root shows there.
   auto tryOffset = [&](const QRVScreenRect& part, int i, int j) {
     const QRVScreenRect source{part.x + i * kBackgroundTile, part.y + j * kBackgroundTile,
@@ -159,6 +169,9 @@ void replicateBackground(PixelView dst,
       const QRVScreenRect part = intersection(
           area,
           {column * kBackgroundTile, row * kBackgroundTile, kBackgroundTile, kBackgroundTile});
+      if (std::any_of(covered.begin(), covered.end(),
+                      [&part](const QRVScreenRect& c) { return containsRect(c, part); }))
+        continue;
       bool filled = false;
       for (auto [i, j] : nearOffsets())
         if ((filled = tryOffset(part, i, j)))

@@ -40,10 +40,12 @@ inline constexpr int kBackgroundSearchTiles = 8;
 // Fills `hole` in `dst` with the root background as `reference` shows it nearby: from pixels a
 // whole number of tiles away that lie in no `hidden` rectangle (every mapped window, the hole's
 // own included). Where none is near, from the nearest pixel outside the hole (edge replication).
+// Tiles wholly inside one of `covered` (opaque windows, drawn over it next) are left alone.
 // `dst` and `reference` may be the same picture.
 void replicateBackground(PixelView dst,
                          const QRVScreenRect& hole,
                          ConstPixelView reference,
-                         std::span<const QRVScreenRect> hidden);
+                         std::span<const QRVScreenRect> hidden,
+                         std::span<const QRVScreenRect> covered = {});
 
 }  // namespace quorvix

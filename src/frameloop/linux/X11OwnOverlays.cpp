@@ -221,6 +221,27 @@ void X11OwnOverlays::handleEvent(const xcb_generic_event_t& event) {
 }
 
 void X11OwnOverlays::update() {
+  struct Description {
+    TopLevel* t;
+    xcb_get_window_attributes_cookie_t attributes;
+    xcb_get_geometry_cookie_t geometry;
+  };
+  std::vector<Description> described;
+  for (auto& t : stack_)
+    if (t.mapped && !t.described)
+      described.push_back(
+          {&t, xcb_get_window_attributes(c_.get(), t.id), xcb_get_geometry(c_.get(), t.id)});
+  for (auto& [t, attributesCookie, geometryCookie] : described) {
+    // A window gone meanwhile answers with an error; its DestroyNotify follows.
+    XcbPtr<xcb_get_window_attributes_reply_t> a(
+        xcb_get_window_attributes_reply(c_.get(), attributesCookie, nullptr));
+    XcbPtr<xcb_get_geometry_reply_t> g(xcb_get_geometry_reply(c_.get(), geometryCookie, nullptr));
+    if (!a || !g)
+      continue;
+    t->described = true;
+    t->drawn = a->_class == XCB_WINDOW_CLASS_INPUT_OUTPUT;
+    t->depth = g->depth;
+  }
   // Only override-redirect windows can be overlays; their marks are asked for together.
   std::vector<std::pair<TopLevel*, xcb_get_property_cookie_t>> asked;
   for (auto& t : stack_) {
@@ -303,10 +324,17 @@ void X11OwnOverlays::repair(PixelView dst, ConstPixelView reference) {
       holes.push_back(hole);
   if (holes.empty())
     return;
+  // The windows that show something, bottom to top.
+  std::vector<const TopLevel*> shown;
   std::vector<QRVScreenRect> hidden;
+  std::vector<QRVScreenRect> opaque;
   for (const auto& t : stack_)
-    if (t.mapped)
+    if (t.mapped && t.described && t.drawn) {
+      shown.push_back(&t);
       hidden.push_back(t.rect);
+      if (t.depth == 24 && !t.own.value_or(false))
+        opaque.push_back(t.rect);
+    }
   const auto background = rootPixmap();
 
   // Every read is asked for first and answered in order, so that the repair costs about one round
@@ -329,20 +357,37 @@ void X11OwnOverlays::repair(PixelView dst, ConstPixelView reference) {
     total += std::size_t(r.rect.width) * r.rect.height * 4;
     reads.push_back(r);
   };
+  const std::size_t maxTotal = kMaxReadScreens * std::size_t(dst.rect.width) * dst.rect.height * 4;
   for (std::size_t h = 0; h < holes.size(); ++h) {
     const QRVScreenRect& hole = holes[h];
-    for (const auto& t : stack_)
-      if (t.mapped && !t.own.value_or(false) && containsRect(t.rect, hole))
+    // From the top down to the first opaque window that covers the whole hole.
+    std::size_t bottom = 0;
+    for (std::size_t i = shown.size(); i-- > 0;) {
+      const TopLevel& t = *shown[i];
+      if (!t.own.value_or(false) && t.depth == 24 && containsRect(t.rect, hole)) {
         needsBackground[h] = false;
+        bottom = i;
+        break;
+      }
+    }
     if (needsBackground[h] && background && containsRect(background->rect, hole))
       add({h, hole, background->id, false, std::int16_t(hole.x), std::int16_t(hole.y)});
-    for (const auto& t : stack_) {
-      if (!t.mapped || t.own.value_or(false))
+    for (std::size_t i = bottom; i < shown.size(); ++i) {
+      const TopLevel& t = *shown[i];
+      if (t.own.value_or(false) || (t.depth != 24 && t.depth != 32))
         continue;
+      const QRVScreenRect part = intersection(t.rect, hole);
+      if (part.isEmpty())
+        continue;
+      if (total + std::size_t(part.width) * part.height * 4 > maxTotal) {
+        if (!std::exchange(warnedReads_, true))
+          QRV_LOGGER_FOR(c_.category())
+              ->warn("too many windows under the overlays; some are left as they show");
+        break;
+      }
       // GetImage of a redirected window reads its own pixmap, overlays above it left out.
-      if (const QRVScreenRect part = intersection(t.rect, hole); !part.isEmpty())
-        add({h, part, t.id, true, std::int16_t(part.x - t.rect.x - t.border),
-             std::int16_t(part.y - t.rect.y - t.border)});
+      add({h, part, t.id, true, std::int16_t(part.x - t.rect.x - t.border),
+           std::int16_t(part.y - t.rect.y - t.border)});
     }
   }
   if (useShm_ && total > 0 && (!scratch_ || scratch_->size() < total)) {
@@ -368,7 +413,7 @@ void X11OwnOverlays::repair(PixelView dst, ConstPixelView reference) {
     for (; next < reads.size() && reads[next].hole == h; ++next) {
       const Read& r = reads[next];
       if (r.window && !backgroundDrawn) {
-        replicateBackground(dst, holes[h], reference, hidden);
+        replicateBackground(dst, holes[h], reference, hidden, opaque);
         backgroundDrawn = true;
       }
       const std::size_t size = std::size_t(r.rect.width) * r.rect.height * 4;
@@ -406,7 +451,7 @@ void X11OwnOverlays::repair(PixelView dst, ConstPixelView reference) {
         backgroundDrawn = true;
     }
     if (!backgroundDrawn)
-      replicateBackground(dst, holes[h], reference, hidden);
+      replicateBackground(dst, holes[h], reference, hidden, opaque);
   }
 }
 

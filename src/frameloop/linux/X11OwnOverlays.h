@@ -30,6 +30,8 @@ class X11OwnOverlays {
   static constexpr int kIdleCapturesBeforeUnredirect = 10;
   // Bounds on what the server may hand over.
   static constexpr int kMaxTopLevels = 8192;
+  // Reads of the windows beneath in one repair, in screens' worth of pixels.
+  static constexpr std::size_t kMaxReadScreens = 4;
 
   // `c` must outlive this.
   explicit X11OwnOverlays(const XcbConnection& c);
@@ -63,7 +65,12 @@ class X11OwnOverlays {
     int border = 0;
     bool mapped = false;
     bool overrideRedirect = false;
-    std::optional<bool> own;          // looked up once mapped
+    std::optional<bool> own;  // looked up once mapped
+    // Its class and depth, looked up once mapped: input-only windows show nothing, and a 24-bit
+    // window hides whatever is below it.
+    bool described = false;
+    bool drawn = false;
+    std::uint8_t depth = 0;
     std::uint32_t damage = XCB_NONE;  // while it lies under an overlay
     bool damaged = false;
   };
@@ -88,6 +95,7 @@ class X11OwnOverlays {
   bool redirected_ = false;
   int idleCaptures_ = 0;
   bool warnedFull_ = false;
+  bool warnedReads_ = false;
   std::uint8_t damageEvent_ = 0;
   std::vector<TopLevel> stack_;  // the root's children, bottom to top
   std::vector<QRVScreenRect> overlays_;
