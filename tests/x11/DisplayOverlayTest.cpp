@@ -321,6 +321,37 @@ TEST_F(DisplayOverlayTest, OverlayChangesKeepTheHeldPictureAndChangesBeneathThem
   EXPECT_EQ(compare(*changed, *freshFrame()).count, 0);
 }
 
+TEST_F(DisplayOverlayTest, AWindowGoneBetweenTheListAndItsReadIsLoggedAndLeftOut) {
+  // Half under the drawing, half beside it, so that its going shows on screen.
+  const xcb_window_t window =
+      client_->createWindow(1000, 500, 200, 100, [](int, int) { return 0x10e020u; });
+  showOverlays({0.5, 0.2});
+  auto grabber = DisplayGrabber::createX11(testDisplayName());
+  ASSERT_NE(grabber, nullptr);
+  const QRVScreenRect screen{0, 0, 1920, 1080};
+  for (int i = 0; i < 2; ++i) {
+    grabber->takeDamage(screen);
+    ASSERT_FALSE(grabber->read(screen).empty());
+  }
+  // The grabber has heard of the window for the last time: it is gone before the read.
+  grabber->takeDamage(screen);
+  client_->destroy(window);
+  ASSERT_TRUE(waitForScreen([&] { return screenPixel(1150, 550) != 0x10e020u; }));
+  const auto read = grabber->read(screen);
+  ASSERT_EQ(read.size(), std::size_t(1920) * 1080 * 4);
+  EXPECT_TRUE(logs_.mentions("could not be read under an overlay"));
+  auto fresh = freshFrame();
+  ASSERT_NE(fresh, nullptr);
+  int wrong = 0;
+  for (int y = 500; y < 600; ++y)
+    for (int x = 1000; x < 1120; ++x) {
+      const std::uint8_t* p = read.data() + (std::size_t(y) * 1920 + x) * 4;
+      wrong +=
+          (std::uint32_t(p[2]) << 16 | std::uint32_t(p[1]) << 8 | p[0]) != pixelAt(*fresh, x, y);
+    }
+  EXPECT_EQ(wrong, 0) << "what lies under the drawing where the window was";
+}
+
 TEST_F(DisplayOverlayTest, RedirectionLastsWhileOverlaysAreUp) {
   createWindows();
   QRVX11DisplayFrameSource source(queue_, testDisplayName());
