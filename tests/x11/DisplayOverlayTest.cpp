@@ -17,6 +17,7 @@
 #include "frameloop/linux/QRVX11DisplayFrameSource.h"
 #include "frameloop/linux/XcbShm.h"
 #include "session-ui/linux/X11Overlay.h"
+#include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
 #include "support/X11TestDisplay.h"
@@ -378,6 +379,69 @@ TEST_F(DisplayOverlayTest, RedirectionLastsWhileOverlaysAreUp) {
   logs_.clear();
   source.capturingWillStop();
   EXPECT_TRUE(logs_.mentions("no longer redirected"));
+}
+
+}  // namespace
+}  // namespace quorvix::test
+
+namespace quorvix::test {
+namespace {
+
+// Compositing managers that draw into Composite's overlay window show the composited screen, the
+// library's overlays included, in a window over the root that no redirection reaches: it must never
+// be read as a window beneath. A server of its own, since that window, once made, stays over
+// everything while its maker lives; the test plays the compositing manager.
+TEST(DisplayOverlayCompositorWindowTest, TheCompositorsOutputWindowIsNeverReadAsAWindowBeneath) {
+  ChildProcess server(
+      {"Xvfb", "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp", "-noreset"});
+  ASSERT_TRUE(server.started());
+  auto number = server.readLine();
+  ASSERT_TRUE(number.has_value()) << "Xvfb did not start";
+  const std::string display = ":" + *number;
+
+  LogCapture logs;
+  ScopedManualMainQueue main;
+  X11TestClient client(display);
+  ASSERT_TRUE(client.ok());
+  constexpr std::uint32_t kDesk = 0x303030, kApp = 0x00aa00;
+  // An application's window, partly under the left strip of the border.
+  client.createWindow(0, 100, 200, 150, [](int, int) { return kApp; });
+  auto overlays = X11Display::open(display, main.get());
+  ASSERT_TRUE(overlays);
+  QRVLinuxSessionIndicator indicator(overlays, [] { return QRVRect{0, 0, 640, 480}; });
+  indicator.show();
+  client.sync();
+
+  // A compositing manager running before the capture, as usual, painting the desktop, the window
+  // and the red border over it.
+  xcb_connection_t* c = client.get();
+  std::unique_ptr<xcb_composite_get_overlay_window_reply_t, decltype(&free)> cow(
+      xcb_composite_get_overlay_window_reply(c, xcb_composite_get_overlay_window(c, client.root()),
+                                             nullptr),
+      &free);
+  ASSERT_NE(cow, nullptr);
+  client.fill(cow->overlay_win, kDesk, 0, 0, 640, 480);
+  client.fill(cow->overlay_win, kApp, 0, 100, 200, 150);
+  for (QRVScreenRect strip : {QRVScreenRect{0, 0, 640, 5}, QRVScreenRect{0, 475, 640, 5},
+                              QRVScreenRect{0, 0, 5, 480}, QRVScreenRect{635, 0, 5, 480}})
+    client.fill(cow->overlay_win, kRed, strip.x, strip.y, strip.width, strip.height);
+
+  auto queue = std::make_shared<ManualExecutor>();
+  QRVX11DisplayFrameSource source(queue, display);
+  source.capturingWillStart();
+  queue->advance(QRVX11DisplayFrameSource::kMinCaptureInterval);
+  auto frame = source.newFrame(1.0);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_TRUE(logs.mentions("top-level windows redirected"));
+  EXPECT_EQ(pixelAt(*frame, 2, 150), kApp) << "the window under the border";
+  EXPECT_EQ(pixelAt(*frame, 2, 300), kDesk);
+  EXPECT_EQ(pixelAt(*frame, 320, 2), kDesk);
+  int red = 0;
+  for (int y = 0; y < 480; ++y)
+    for (int x = 0; x < 640; ++x)
+      red += pixelAt(*frame, x, y) == kRed;
+  EXPECT_EQ(red, 0);
+  source.capturingWillStop();
 }
 
 }  // namespace
