@@ -1,6 +1,8 @@
 // The X11 display grabber: MIT-SHM reads of the root window (a SysV segment, else a segment the
 // server makes and passes as a file descriptor, else plain GetImage), DAMAGE for change
-// notifications, XFixes for the cursor picture and its serial.
+// notifications, XFixes for the cursor picture and its serial. The library's own overlays are
+// rebuilt out of each read (see X11OwnOverlays); damage that only they caused is checked by
+// rebuilding the damaged part alone and comparing it with the held read.
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -12,6 +14,7 @@
 #include <xcb/xtest.h>
 
 #include "frameloop/DisplayGrabber.h"
+#include "frameloop/linux/X11OwnOverlays.h"
 #include "frameloop/linux/X11Screens.h"
 #include "frameloop/linux/XcbConnection.h"
 #include "frameloop/linux/XcbShm.h"
@@ -21,19 +24,21 @@ namespace quorvix {
 namespace {
 
 constexpr std::string_view kCategory = "QRVX11DisplayFrameSource";
+// More damaged rectangles than this, or more than this share of the screen, count as a change
+// without looking closer.
+constexpr int kMaxCheckedDamage = 64;
+constexpr std::size_t kMaxCheckedShare = 8;
 
 auto logger() {
   return QRV_LOGGER_FOR(kCategory);
 }
 
-bool intersects(const QRVScreenRect& a, const xcb_rectangle_t& b) {
-  return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
-}
-
 class X11DisplayGrabber final : public DisplayGrabber {
  public:
   explicit X11DisplayGrabber(std::unique_ptr<x11::XcbConnection> c) : c_(std::move(c)) {
-    x11::selectScreenChanges(*c_);
+    // The root's children are followed for the overlays, and its background picture.
+    x11::selectScreenChanges(*c_,
+                             XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_PROPERTY_CHANGE);
     if (c_->hasExtension(&xcb_test_id))
       c_->check(xcb_test_grab_control_checked(c_->get(), 1), "XTEST grab control");
     setUpShm();
@@ -45,9 +50,13 @@ class X11DisplayGrabber final : public DisplayGrabber {
     setUpDamage();
     setUpCursor();
     screen_ = x11::readMainScreen(*c_);
+    overlays_ = std::make_unique<x11::X11OwnOverlays>(*c_);
+    if (damage_ != XCB_NONE)
+      overlays_->setDamageEvent(damageEvent_);
   }
 
   ~X11DisplayGrabber() override {
+    overlays_.reset();
     segment_.reset();
     if (!c_->lost()) {
       if (damage_ != XCB_NONE)
@@ -71,27 +80,38 @@ class X11DisplayGrabber final : public DisplayGrabber {
 
   bool takeDamage(const QRVScreenRect& rect) override {
     drain();
+    overlays_->update();
     const bool fresh = !(rect == lastRect_);
     lastRect_ = rect;
     if (damage_ == XCB_NONE)
       return true;
-    if (!damageSeen_)
-      return fresh;
-    damageSeen_ = false;
-    // Takes the damage so far into a region and clears it, which re-arms the notification.
-    if (!c_->check(xcb_damage_subtract_checked(c_->get(), damage_, XCB_NONE, region_),
-                   "damage subtract"))
+    std::vector<QRVScreenRect> damaged;
+    for (const auto& part : overlays_->takeDamageBeneath())
+      if (auto d = intersection(rect, part); !d.isEmpty())
+        damaged.push_back(d);
+    if (std::exchange(damageSeen_, false)) {
+      // Takes the damage so far into a region and clears it, which re-arms the notification.
+      if (!c_->check(xcb_damage_subtract_checked(c_->get(), damage_, XCB_NONE, region_),
+                     "damage subtract"))
+        return true;
+      auto region = x11::replyOf(*c_, xcb_xfixes_fetch_region_reply,
+                                 xcb_xfixes_fetch_region(c_->get(), region_), "damage region");
+      if (!region)
+        return true;
+      const xcb_rectangle_t* rects = xcb_xfixes_fetch_region_rectangles(region.get());
+      const int count = xcb_xfixes_fetch_region_rectangles_length(region.get());
+      for (int i = 0; i < count && damaged.size() <= kMaxCheckedDamage; ++i)
+        if (auto d = intersection(rect, {rects[i].x, rects[i].y, rects[i].width, rects[i].height});
+            !d.isEmpty())
+          damaged.push_back(d);
+      if (count > kMaxCheckedDamage)
+        return true;
+    }
+    if (fresh)
       return true;
-    auto region = x11::replyOf(*c_, xcb_xfixes_fetch_region_reply,
-                               xcb_xfixes_fetch_region(c_->get(), region_), "damage region");
-    if (!region)
-      return true;
-    const xcb_rectangle_t* rects = xcb_xfixes_fetch_region_rectangles(region.get());
-    const int count = xcb_xfixes_fetch_region_rectangles_length(region.get());
-    bool hit = fresh;
-    for (int i = 0; i < count && !hit; ++i)
-      hit = intersects(rect, rects[i]);
-    return hit;
+    if (damaged.empty())
+      return false;
+    return !onlyOverlaysChanged(rect, damaged);
   }
 
   std::span<const std::uint8_t> read(const QRVScreenRect& rect) override {
@@ -99,6 +119,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
       return {};
     const std::size_t size = std::size_t(rect.width) * rect.height * 4;
     if (useShm_ && (!segment_ || segment_->size() < size)) {
+      held_ = {};
       segment_.reset();
       segment_ = x11::ShmSegment::create(*c_, size);
       if (!segment_) {
@@ -115,7 +136,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
           "MIT-SHM screen read");
       if (!reply || reply->size < size || !isBgrx(reply->depth))
         return {};
-      return {segment_->data(), size};
+      return held({segment_->mutableData(), rect});
     }
     auto reply =
         x11::replyOf(*c_, xcb_get_image_reply,
@@ -127,7 +148,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
         !isBgrx(reply->depth))
       return {};
     plain_.assign(xcb_get_image_data(reply.get()), xcb_get_image_data(reply.get()) + size);
-    return plain_;
+    return held({plain_.data(), rect});
   }
 
   QRVPointerState pointer() override {
@@ -208,8 +229,13 @@ class X11DisplayGrabber final : public DisplayGrabber {
       const std::uint8_t type = event->response_type & 0x7f;
       if (type == 0) {
         c_->noError(reinterpret_cast<xcb_generic_error_t*>(event.release()), "X request");
-      } else if (damage_ != XCB_NONE && type == damageEvent_) {
-        damageSeen_ = true;
+        continue;
+      }
+      if (overlays_)
+        overlays_->handleEvent(*event);
+      if (damage_ != XCB_NONE && type == damageEvent_) {
+        if (reinterpret_cast<const xcb_damage_notify_event_t*>(event.get())->damage == damage_)
+          damageSeen_ = true;
       } else if (hasXFixes_ && type == cursorEvent_) {
         cursorSerial_ =
             reinterpret_cast<const xcb_xfixes_cursor_notify_event_t*>(event.get())->cursor_serial;
@@ -217,6 +243,63 @@ class X11DisplayGrabber final : public DisplayGrabber {
         screenDirty_ = true;
       }
     }
+  }
+
+  // The read just made, with the overlays rebuilt out of it; kept to compare later reads with.
+  std::span<const std::uint8_t> held(PixelView read) {
+    if (overlays_->active())
+      overlays_->repair(read, {read.data, read.rect});
+    held_ = read;
+    heldOverlays_ = overlays_->overlays();
+    return {read.data, std::size_t(read.rect.width) * read.rect.height * 4};
+  }
+
+  // Whether the damage, touching overlays now or at the held read, reads the same as the held read
+  // once rebuilt: the overlays' own drawing is no change of the screen.
+  bool onlyOverlaysChanged(const QRVScreenRect& rect, const std::vector<QRVScreenRect>& damaged) {
+    if (!overlays_->active() && heldOverlays_.empty())
+      return false;
+    if (held_.data == nullptr || !(held_.rect == rect) || damaged.size() > kMaxCheckedDamage)
+      return false;
+    // Compositing managers report the bounding box of what they painted, so a dot moving leaves
+    // damage between its places too: any damage touching an overlay is looked at, when small.
+    std::size_t area = 0;
+    bool touches = false;
+    for (const auto& d : damaged) {
+      area += std::size_t(d.width) * d.height;
+      auto meets = [&d](const QRVScreenRect& o) { return !intersection(o, d).isEmpty(); };
+      touches = touches || std::any_of(heldOverlays_.begin(), heldOverlays_.end(), meets) ||
+                std::any_of(overlays_->overlays().begin(), overlays_->overlays().end(), meets);
+    }
+    if (!touches || area > std::size_t(rect.width) * rect.height / kMaxCheckedShare)
+      return false;
+    const ConstPixelView reference{held_.data, held_.rect};
+    for (const auto& d : damaged) {
+      auto reply = x11::replyOf(
+          *c_, xcb_get_image_reply,
+          xcb_get_image(c_->get(), XCB_IMAGE_FORMAT_Z_PIXMAP, c_->root(), std::int16_t(d.x),
+                        std::int16_t(d.y), std::uint16_t(d.width), std::uint16_t(d.height), ~0u),
+          "damaged area read");
+      const std::size_t size = std::size_t(d.width) * d.height * 4;
+      if (!reply || std::size_t(xcb_get_image_data_length(reply.get())) != size ||
+          !isBgrx(reply->depth))
+        return false;
+      scratch_.assign(xcb_get_image_data(reply.get()), xcb_get_image_data(reply.get()) + size);
+      if (overlays_->active())
+        overlays_->repair({scratch_.data(), d}, reference);
+      for (int row = 0; row < d.height; ++row) {
+        const std::uint8_t* before =
+            held_.data + (std::size_t(d.y - rect.y + row) * rect.width + (d.x - rect.x)) * 4;
+        if (std::memcmp(before, scratch_.data() + std::size_t(row) * d.width * 4,
+                        std::size_t(d.width) * 4) != 0)
+          return false;
+      }
+    }
+    heldOverlays_ = overlays_->overlays();
+    ++overlayOnlyDamage_;
+    logger()->debug("damage under own overlays only ({} so far); the held read stands",
+                    overlayOnlyDamage_);
+    return true;
   }
 
   bool isBgrx(std::uint8_t depth) const {
@@ -242,6 +325,12 @@ class X11DisplayGrabber final : public DisplayGrabber {
   std::uint8_t cursorEvent_ = 0;
   std::uint32_t cursorSerial_ = 0;
   x11::CursorCache cursors_;
+  std::unique_ptr<x11::X11OwnOverlays> overlays_;
+  // The last read (the segment's or plain_'s pixels) and the overlays it was rebuilt under.
+  PixelView held_;
+  std::vector<QRVScreenRect> heldOverlays_;
+  std::vector<std::uint8_t> scratch_;
+  std::uint64_t overlayOnlyDamage_ = 0;
 };
 
 }  // namespace

@@ -69,7 +69,7 @@ std::unique_ptr<ShmSegment> ShmSegment::createFd(const XcbConnection& c, std::si
   if (!reply || reply->nfd != 1)
     return nullptr;
   const int fd = xcb_shm_create_segment_reply_fds(c.get(), reply.get())[0];
-  void* data = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+  void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   close(fd);
   if (data == MAP_FAILED) {
     xcb_shm_detach(c.get(), seg);

@@ -24,6 +24,8 @@ class ShmSegment {
 
   xcb_shm_seg_t id() const { return seg_; }
   const std::uint8_t* data() const { return static_cast<const std::uint8_t*>(data_); }
+  // Writable too: a read may be touched up in place before it is handed on.
+  std::uint8_t* mutableData() { return static_cast<std::uint8_t*>(data_); }
   std::size_t size() const { return size_; }
 
   // Test hook: which kinds create() may make, to exercise the fallbacks on a server that offers
