@@ -327,8 +327,9 @@ void QRVStreamProtocol::sendFrame(std::shared_ptr<QRVFrame> frame, std::function
     return;
   }
   // With nothing in flight the link is drained, so a frame goes out whatever the estimate says:
-  // its acknowledgement is what brings the estimate down again.
-  if (const double bound = latencyBound(); bound > 0 && lag > 0) {
+  // its acknowledgement is what brings the estimate down again. Counted from the first message:
+  // on a slow link the first acknowledgement is late, and frames sent meanwhile would pile up.
+  if (const double bound = latencyBound(); bound > 0 && stream && stream->unacknowledged() > 0) {
     if (const double latency = stream->metrics().latency(); latency > bound) {
       logger()->debug("held back a frame: latency {:.3f} s over the bound of {:.3f} s", latency,
                       bound);

@@ -536,6 +536,11 @@ std::uint64_t CBORSocket::messageLag() const {
   return messageId_ - lastMessageAck_;
 }
 
+std::uint64_t CBORSocket::unacknowledged() const {
+  std::lock_guard lock(mutex_);
+  return messageId_ > lastMessageAck_ ? messageId_ - lastMessageAck_ : 0;
+}
+
 double CBORSocket::maxReconnectDelay() const {
   std::lock_guard lock(mutex_);
   return maxReconnectDelay_;

@@ -98,7 +98,10 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   bool isConneced() const;
   // Whether a new attempt is waiting for its delay, as after a lost or refused connection.
   bool isReconnectScheduled() const;
+  // Numbered messages not acknowledged yet; 0 until the first acknowledgement arrives.
   std::uint64_t messageLag() const;
+  // The same, counted from the first message even before any acknowledgement.
+  std::uint64_t unacknowledged() const;
   const CBORSocketMetrics& metrics() const { return metrics_; }
 
   double maxReconnectDelay() const;
