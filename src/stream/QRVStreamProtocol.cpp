@@ -1,5 +1,7 @@
 #include "stream/QRVStreamProtocol.h"
 
+#include <algorithm>
+
 #include <cassert>
 #include <ctime>
 
@@ -330,7 +332,11 @@ void QRVStreamProtocol::sendFrame(std::shared_ptr<QRVFrame> frame, std::function
   // its acknowledgement is what brings the estimate down again. Counted from the first message:
   // on a slow link the first acknowledgement is late, and frames sent meanwhile would pile up.
   if (const double bound = latencyBound(); bound > 0 && stream && stream->unacknowledged() > 0) {
-    if (const double latency = stream->metrics().latency(); latency > bound) {
+    // The smoothed latency, or the age of what is still out: the first lags a sudden slowdown
+    // by several round trips, during which a frame every 100 ms would pile up on the link.
+    const auto& metrics = stream->metrics();
+    if (const double latency = std::max(metrics.latency(), metrics.oldestUnacknowledgedAge());
+        latency > bound) {
       logger()->debug("held back a frame: latency {:.3f} s over the bound of {:.3f} s", latency,
                       bound);
       this->ready(ready);

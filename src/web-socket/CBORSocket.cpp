@@ -22,6 +22,8 @@ double CBORSocketMetrics::now() const {
 
 void CBORSocketMetrics::onSent(std::uint64_t messageId) {
   std::lock_guard lock(queue_);
+  if (outstanding_.size() < kMaxOutstanding)
+    outstanding_.emplace_back(messageId, now());
   if (lastAck_ < lastMessage_)
     return;  // the timed message is still out
   lastMessage_ = messageId;
@@ -31,6 +33,8 @@ void CBORSocketMetrics::onSent(std::uint64_t messageId) {
 void CBORSocketMetrics::onReceived(std::uint64_t ackId) {
   std::lock_guard lock(queue_);
   const double t = now();
+  while (!outstanding_.empty() && outstanding_.front().first <= ackId)
+    outstanding_.pop_front();
   lastAck_ = ackId;
   lastAckTimestamp_ = t;
   double sample = 0;
@@ -55,8 +59,14 @@ double CBORSocketMetrics::latency() const {
   return filteredLatency_ == 0 ? elapsed : 0.125 * elapsed + 0.875 * filteredLatency_;
 }
 
+double CBORSocketMetrics::oldestUnacknowledgedAge() const {
+  std::lock_guard lock(queue_);
+  return outstanding_.empty() ? 0.0 : now() - outstanding_.front().second;
+}
+
 void CBORSocketMetrics::reset() {
   std::lock_guard lock(queue_);
+  outstanding_.clear();
   lastMessage_ = 0;
   lastMessageTimestamp_ = 0;
   lastAck_ = 0;

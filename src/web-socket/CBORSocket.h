@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -35,6 +36,9 @@ class CBORSocketMetrics {
   void onReceived(std::uint64_t ackId);
   // Seconds. Climbs while the timed message stays unacknowledged.
   double latency() const;
+  // Seconds since the oldest message still unacknowledged was sent; 0 with none out. Reacts at
+  // once where the smoothed latency takes several round trips.
+  double oldestUnacknowledgedAge() const;
   void reset();
 
  private:
@@ -47,6 +51,9 @@ class CBORSocketMetrics {
   std::uint64_t lastAck_ = 0;
   double lastAckTimestamp_ = 0;
   double filteredLatency_ = 0;
+  // Send times of the messages not acknowledged yet, oldest first; bounded, the oldest kept.
+  static constexpr std::size_t kMaxOutstanding = 4096;
+  std::deque<std::pair<std::uint64_t, double>> outstanding_;
 };
 
 // A decoded incoming item as listeners see it: negative integers as their raw argument, maps

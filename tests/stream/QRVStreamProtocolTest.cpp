@@ -246,6 +246,11 @@ TEST_F(QRVStreamProtocolTest, ALatencyBoundHoldsFramesBackUntilTheLinkDrains) {
   }
   ASSERT_LE(protocol->stream()->metrics().latency(), 0.5);
   EXPECT_TRUE(send()) << "one in flight, under the bound";
+  // A sudden stall shows in the age of what is out long before it shows in the smoothed figure.
+  protocol->setLatencyBound(2.0);
+  main->advanceSeconds(2.5);
+  ASSERT_LT(protocol->stream()->metrics().latency(), 2.0);
+  EXPECT_FALSE(send()) << "a frame out for 2.5 s";
 
   // Off: only the limit of frames in flight counts.
   protocol->setLatencyBound(0);
