@@ -271,6 +271,9 @@ export function controlServer(proxy) {
         if (mode !== 'fin' && mode !== 'rst') return bad('mode is fin or rst');
         return answer(200, { armed: proxy.cutAfter(bytes, mode) });
       }
+      case '/disarm':
+        for (const conn of proxy.connections) conn.budget = null;
+        return answer(200, {});
       case '/stall': {
         const ms = q('ms', NaN);
         if (!Number.isFinite(ms) || ms < 0) return bad('ms is a non-negative number');
