@@ -113,7 +113,16 @@ async function allow(title) {
       return false;
     }
   }, 15_000);
-  if (!found) throw new Error(`no "${title}" dialog`);
+  if (!found) {
+    let names = '';
+    try {
+      const ids = onDisplay('xdotool', 'search', '--onlyvisible', '--name', '.').trim().split('\n');
+      names = ids.map((id) => onDisplay('xdotool', 'getwindowname', id).trim()).join(' | ');
+    } catch {
+      // nothing visible
+    }
+    throw new Error(`no "${title}" dialog; visible windows: ${names}`);
+  }
   await sleep(300);
   onDisplay('xdotool', 'key', 'Tab', 'Return');
   log(`the user allowed "${title}"`);
@@ -164,8 +173,11 @@ async function main() {
   await lineOf(watch, /^held /, 10_000, 'the input watcher');
   held = watch.lines.at(-1).line !== 'held none';
 
+  // A keychain of its own: the device id and session mirror of other hosts on the machine stay
+  // out of it.
   const host = start('host', args['host-bin'], ['--api', proxyUrl, '--license', kLicense, '--display', args.display], {
     QUORVIX_DEMO_LOG: '1',
+    XDG_DATA_HOME: path.join(args.work, 'data'),
   });
   const code = (await lineOf(host, /^session code: (\d+)$/, 30_000, 'the session code'))[1];
   log(`session code ${code}, host pid ${host.pid}`);
@@ -229,6 +241,15 @@ async function main() {
   connect();
   const send = (event, data) => ws?.send(encoder.encode({ event, data }));
 
+  // The library fetches the session when its control socket opens and only then asks for
+  // pushes: a join landing between the two never reaches it, and the session waits forever. A
+  // change of the agent's pushes the session again; counted, since it is the library's fault.
+  let missedJoins = 0;
+  while (!(await until(() => session.state !== 'pending', 3_000)) && missedJoins < 3) {
+    missedJoins++;
+    log('the host did not see the agent join: pushing the session again');
+    await call('PUT', `sessions/${sessionId}`, { remote_control: 'off' });
+  }
   await allow('Support Request');
   if (!(await until(() => session.state === 'active', 15_000))) throw new Error('the session did not become active');
   await call('PUT', `sessions/${sessionId}`, { full_device: 'requested' });
@@ -372,6 +393,7 @@ async function main() {
   const summary = {
     seconds: Number(elapsed()),
     session: sessionId,
+    missed_joins: missedJoins,
     faults: records.length,
     by_kind: Object.fromEntries(['clean', 'mid', 'stall', 'restart'].map((k) => [k, records.filter((r) => r.kind === k).length])),
     recovered: records.filter((r) => r.recovered_ms !== undefined && r.recovered_ms <= kBoundMs).length,
