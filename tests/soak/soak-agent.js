@@ -346,7 +346,8 @@ async function main() {
       const release = () => watch.lines.find((l) => l.at >= faultStart && l.line === 'held none');
       if ((await until(() => release() && release().at <= faultStart + kBoundMs, kBoundMs)) === null)
         fail(`${kind} at ${record.at_s} s: key or button still held ${kBoundMs} ms after the drop`);
-      else record.released_ms = release().at - faultStart;
+      // A mid-message cut counts from the moment it was seen, not from its arming.
+      else record.released_ms = Math.max(0, release().at - faultStart - (record.fired_ms ?? 0));
     }
     const resumed = await until(() => frames.last > faultEnd && frames.lastStamp >= Math.floor(faultEnd / 1000) * 1000, kBoundMs + 5_000);
     if (resumed === null) fail(`${kind} at ${record.at_s} s: no fresh frame within ${(kBoundMs + 5_000) / 1000} s after the fault`);
