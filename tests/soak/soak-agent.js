@@ -13,6 +13,7 @@
 //   node soak-agent.js --host-bin FILE --watch-bin FILE --devserver DIR --proxy FILE
 //                      --display :N --work DIR [--seconds 300] [--cut-every 30]
 //                      [--restart-every 120] [--codecs video/avc]
+//                      [--cut-kinds clean,mid,stall] [--stall-ms 5000]
 // Prints one JSON line per fault and a summary as JSON on the last line; exits 1 on a failed
 // check.
 import { spawn, execFileSync } from 'node:child_process';
@@ -34,7 +35,7 @@ const kRestartEvery = Number(args['restart-every'] ?? 120);
 // The library's stream socket retries after 0.5-1.5 s, then after delays growing as
 // (0.3 n)^1.2 x 1-1.5 s; a service back within a few seconds is reached within 10 s.
 const kBoundMs = 10_000;
-const kStallMs = 5_000;
+const kStallMs = Number(args['stall-ms'] ?? 5_000);
 const kMidCutBytes = 3_000;
 // Flat: what a reconnect may leave behind while it finishes, not a trend.
 const kRssToleranceKiB = 16 * 1024;
@@ -288,7 +289,7 @@ async function main() {
   for (let t = kCutEvery; t <= kSeconds - 15; t += kCutEvery) schedule.push({ at: t, kind: 'cut' });
   for (let t = kRestartEvery + 15; t <= kSeconds - 15; t += kRestartEvery) schedule.push({ at: t, kind: 'restart' });
   schedule.sort((a, b) => a.at - b.at);
-  const cutKinds = ['clean', 'mid', 'stall'];
+  const cutKinds = (args['cut-kinds'] ?? 'clean,mid,stall').split(',');
   let cuts = 0;
   let cleanCuts = 0;
   const records = [];
@@ -348,6 +349,12 @@ async function main() {
         fail(`${kind} at ${record.at_s} s: key or button still held ${kBoundMs} ms after the drop`);
       // A mid-message cut counts from the moment it was seen, not from its arming.
       else record.released_ms = Math.max(0, release().at - faultStart - (record.fired_ms ?? 0));
+    }
+    if (!drop) {
+      await sleep(Math.max(0, faultEnd - Date.now()));
+      // Not a drop for the library until its ping goes unanswered: whether it let go meanwhile.
+      const release = watch.lines.find((l) => l.at >= faultStart && l.at < faultEnd && l.line === 'held none');
+      if (release) record.released_during_stall_ms = release.at - faultStart;
     }
     const resumed = await until(() => frames.last > faultEnd && frames.lastStamp >= Math.floor(faultEnd / 1000) * 1000, kBoundMs + 5_000);
     if (resumed === null) fail(`${kind} at ${record.at_s} s: no fresh frame within ${(kBoundMs + 5_000) / 1000} s after the fault`);
