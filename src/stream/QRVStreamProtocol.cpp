@@ -143,8 +143,14 @@ void QRVStreamProtocol::openControlSocket() {
     // Whatever was pushed while disconnected.
     if (auto session = weakSession.lock())
       session->fetch(nullptr);
+    // The service pushes only to filtered sockets, and the fetch may be answered before the
+    // filter arrives: a change in between (an agent joining) would be heard of by nobody. Once
+    // the filter is acknowledged, every change reaches this socket; one more fetch covers the gap.
     if (auto socket = weakSocket.lock())
-      socket->send("filter", Value::Map{{"events", Value::Array{"session"}}});
+      socket->send("filter", Value::Map{{"events", Value::Array{"session"}}}, {}, [weakSession] {
+        if (auto session = weakSession.lock())
+          session->fetch(nullptr);
+      });
   });
   control->onDisconnect([](const std::optional<QRVError>& error) {
     if (error)

@@ -215,6 +215,7 @@ void CBORSocket::start() {
       std::lock_guard lock(self->mutex_);
       self->lastMessageAck_ = 0;
       self->messageId_ = 0;
+      self->onAcknowledged_.clear();
     }
     self->metrics_.reset();
   });
@@ -301,6 +302,13 @@ void CBORSocket::onDisconnect(DisconnectObserver observer) {
 }
 
 void CBORSocket::send(const std::string& event, Value::Map data, std::function<void()> completion) {
+  send(event, std::move(data), std::move(completion), {});
+}
+
+void CBORSocket::send(const std::string& event,
+                      Value::Map data,
+                      std::function<void()> completion,
+                      std::function<void()> acknowledged) {
   std::uint64_t id;
   std::shared_ptr<SocketTransport> transport;
   {
@@ -309,6 +317,8 @@ void CBORSocket::send(const std::string& event, Value::Map data, std::function<v
       QRV_FATAL("CBORSocket", "message id overflow");
     id = ++messageId_;
     transport = socket_;
+    if (acknowledged && transport)
+      onAcknowledged_.emplace(id, std::move(acknowledged));
   }
   metrics_.onSent(id);
   if (!transport)
@@ -498,6 +508,16 @@ void CBORSocket::handleAck(std::uint64_t ack) {
     lastMessageAck_ = ack;  // a plain overwrite: a late, lower ack moves it back
   }
   metrics_.onReceived(ack);
+  std::vector<std::function<void()>> acknowledged;
+  {
+    std::lock_guard lock(mutex_);
+    while (!onAcknowledged_.empty() && onAcknowledged_.begin()->first <= ack) {
+      acknowledged.push_back(std::move(onAcknowledged_.begin()->second));
+      onAcknowledged_.erase(onAcknowledged_.begin());
+    }
+  }
+  for (const auto& callback : acknowledged)
+    callback();
 }
 
 void CBORSocket::disconnect() {

@@ -98,6 +98,12 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   // The completion runs once the transport has sent the message; never when it was dropped
   // (closed socket, unencodable data). The id is used up either way.
   void send(const std::string& event, Value::Map data, std::function<void()> completion = {});
+  // As send(); `acknowledged` runs once the service acknowledged the message on this connection,
+  // and never when the connection ends first.
+  void send(const std::string& event,
+            Value::Map data,
+            std::function<void()> completion,
+            std::function<void()> acknowledged);
   void sendPing();
   // Closes for good: observers hear it once with no error, then everything is let go.
   void disconnect();
@@ -176,6 +182,7 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   std::uint64_t generation_ = 0;
   bool transportEnded_ = false;
   bool loggedAckAboveSent_ = false;
+  std::map<std::uint64_t, std::function<void()>> onAcknowledged_;
 };
 
 }  // namespace quorvix

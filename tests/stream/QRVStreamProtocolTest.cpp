@@ -185,6 +185,39 @@ TEST_F(QRVStreamProtocolTest, EachStreamConnectionSendsItsFilterThenForcesASync)
   EXPECT_EQ(observer->syncs, 2);
 }
 
+TEST_F(QRVStreamProtocolTest, TheControlSocketFetchesTheSessionAgainOnceItsFilterIsAcknowledged) {
+  serverSays({});
+  FakeTransport* control = nullptr;
+  for (auto& t : transports)
+    if (t->request.url.toString().find("/c/") != std::string::npos)
+      control = t.get();
+  ASSERT_NE(control, nullptr);
+  const auto fetches = [&] {
+    int n = 0;
+    for (const auto& body : http->bodies())
+      n += body.rfind("GET ", 0) == 0;
+    return n;
+  };
+  control->open();
+  main->runUntilIdle();
+  EXPECT_EQ(eventsOn(*control), std::vector<std::string>{"filter"});
+  EXPECT_EQ(fetches(), 1) << "what was pushed while disconnected";
+  // A change between that answer and the filter's arrival reached no socket: fetch once more.
+  ack(*control, 1);
+  EXPECT_EQ(fetches(), 2);
+
+  // A connection that drops before its filter is acknowledged fetches again only on the next.
+  control->drop(QRVError("NSURLErrorDomain", -1005, "lost"));
+  main->advanceSeconds(60);
+  FakeTransport& again = *transports.back();
+  ASSERT_NE(&again, control);
+  again.open();
+  main->runUntilIdle();
+  EXPECT_EQ(fetches(), 3);
+  ack(again, 1);
+  EXPECT_EQ(fetches(), 4);
+}
+
 TEST_F(QRVStreamProtocolTest, FramesAreHeldBackOnlyOnceTheServiceLagsByTheLimit) {
   serverSays({});
   FakeTransport& stream = streamTransport();
