@@ -21,11 +21,13 @@ import { createRequire } from 'node:module';
 import fs from 'node:fs';
 import path from 'node:path';
 import readline from 'node:readline';
+import { pathToFileURL } from 'node:url';
 
 const args = Object.fromEntries(
   process.argv.slice(2).reduce((pairs, arg, i, all) => (i % 2 === 0 ? [...pairs, [arg.replace(/^--/, ''), all[i + 1]]] : pairs), []),
 );
 const require = createRequire(path.resolve(args.devserver, 'package.json'));
+const { agentLogin } = await import(pathToFileURL(path.resolve(args.devserver, 'bin/agent-kit.js')).href);
 const WebSocket = require('ws');
 const { Encoder, Decoder } = require('cbor-x');
 
@@ -184,21 +186,8 @@ async function main() {
   log(`session code ${code}, host pid ${host.pid}`);
 
   // The agent, on the service directly.
-  const login = await (
-    await fetch(new URL('agent/1/login', base), {
-      method: 'POST',
-      headers: { 'Content-Type': 'application/json' },
-      body: JSON.stringify({ license: kLicense, name: 'Soak Agent' }),
-    })
-  ).json();
-  const call = async (method, route, payload) => {
-    const r = await fetch(new URL(`agent/1/${route}`, base), {
-      method,
-      headers: { Authorization: `Bearer ${login.token}`, 'Content-Type': 'application/json' },
-      body: payload === undefined ? undefined : JSON.stringify(payload),
-    });
-    return { status: r.status, body: await r.json() };
-  };
+  const login = await agentLogin(base, kLicense, 'Soak Agent');
+  const { call } = login;
   const joined = await call('POST', `sessions/${code}/join`);
   if (joined.status !== 200) throw new Error(`join answered ${joined.status}`);
   const sessionId = joined.body.id;

@@ -16,8 +16,8 @@ import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
-import WebSocket from 'ws';
 import { Encoder, Decoder } from 'cbor-x';
+import { agentLogin } from './agent-kit.js';
 
 const args = Object.fromEntries(
   process.argv.slice(2).reduce((pairs, arg, i, all) => (i % 2 === 0 ? [...pairs, [arg.replace(/^--/, ''), all[i + 1]]] : pairs), []),
@@ -109,28 +109,12 @@ function pictureAges(frames, mime) {
 async function main() {
   const hostPid = Number(args['host-pid']);
   const xvfbPid = args['xvfb-pid'] ? Number(args['xvfb-pid']) : 0;
-  const login = await (
-    await fetch(new URL('agent/1/login', base), {
-      method: 'POST',
-      headers: { 'Content-Type': 'application/json' },
-      body: JSON.stringify({ license, name: 'Bench Agent' }),
-    })
-  ).json();
-  const call = async (method, route, payload) => {
-    const r = await fetch(new URL(`agent/1/${route}`, base), {
-      method,
-      headers: { Authorization: `Bearer ${login.token}`, 'Content-Type': 'application/json' },
-      body: payload === undefined ? undefined : JSON.stringify(payload),
-    });
-    return { status: r.status, body: await r.json() };
-  };
+  const login = await agentLogin(base, license, 'Bench Agent');
+  const { call } = login;
   const joined = await call('POST', `sessions/${args.code}/join`);
   if (joined.status !== 200) throw new Error(`join answered ${joined.status}`);
   const id = joined.body.id;
-  const ws = new WebSocket(new URL(`agent/1/sessions/${id}/ws`, base).href.replace(/^http/, 'ws'), [
-    'quorvix-agent.1',
-    `token.${login.token}`,
-  ]);
+  const ws = login.socket(id);
   let session = joined.body;
   let phase = 'joining'; // then 'settling', 'measuring', 'done'
   const saved = [];

@@ -20,6 +20,7 @@ import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
 import { parseArgs } from 'node:util';
+import { within as withinBound } from './agent-kit.js';
 
 const { values: args } = parseArgs({
   options: {
@@ -52,15 +53,7 @@ function step(what) {
   console.log(`[${((Date.now() - started) / 1000).toFixed(1)} s] ${what}`);
 }
 
-function within(promise, what, ms = kStepTimeout) {
-  let timer;
-  return Promise.race([
-    promise,
-    new Promise((_, reject) => {
-      timer = setTimeout(() => reject(new Error(`timed out waiting for ${what}`)), ms);
-    }),
-  ]).finally(() => clearTimeout(timer));
-}
+const within = (promise, what, ms = kStepTimeout) => withinBound(promise, what, ms);
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 

@@ -9,8 +9,8 @@
 //   scripted-agent.js --api URL --code CODE --display :N [--license KEY] [--type TEXT]
 //                     [--screenshot FILE]   (a PNG of the X screen once the text has landed)
 import { execFileSync } from 'node:child_process';
-import WebSocket from 'ws';
 import { Encoder, Decoder } from 'cbor-x';
+import { agentLogin, within as withinBound } from './agent-kit.js';
 
 const args = Object.fromEntries(
   process.argv.slice(2).reduce((pairs, arg, i, all) => (i % 2 === 0 ? [...pairs, [arg.replace(/^--/, ''), all[i + 1]]] : pairs), []),
@@ -29,15 +29,7 @@ function step(what) {
   console.log(`[${((Date.now() - started) / 1000).toFixed(1)} s] ${what}`);
 }
 
-function within(promise, what, ms = kStepTimeout) {
-  let timer;
-  return Promise.race([
-    promise,
-    new Promise((_, reject) => {
-      timer = setTimeout(() => reject(new Error(`timed out waiting for ${what}`)), ms);
-    }),
-  ]).finally(() => clearTimeout(timer));
-}
+const within = (promise, what, ms = kStepTimeout) => withinBound(promise, what, ms);
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 const onDisplay = (command, ...rest) =>
@@ -66,30 +58,14 @@ async function allow(title) {
 }
 
 async function main() {
-  const login = await (
-    await fetch(new URL('agent/1/login', base), {
-      method: 'POST',
-      headers: { 'Content-Type': 'application/json' },
-      body: JSON.stringify({ license, name: 'Ada Agent' }),
-    })
-  ).json();
-  const call = async (method, route, payload) => {
-    const r = await fetch(new URL(`agent/1/${route}`, base), {
-      method,
-      headers: { Authorization: `Bearer ${login.token}`, 'Content-Type': 'application/json' },
-      body: payload === undefined ? undefined : JSON.stringify(payload),
-    });
-    return { status: r.status, body: await r.json() };
-  };
+  const login = await agentLogin(base, license, 'Ada Agent');
+  const { call } = login;
   const joined = await call('POST', `sessions/${args.code}/join`);
   if (joined.status !== 200) throw new Error(`join answered ${joined.status}`);
   const id = joined.body.id;
   step(`agent joined session ${args.code}`);
 
-  const ws = new WebSocket(new URL(`agent/1/sessions/${id}/ws`, base).href.replace(/^http/, 'ws'), [
-    'quorvix-agent.1',
-    `token.${login.token}`,
-  ]);
+  const ws = login.socket(id);
   let session = joined.body;
   const waiters = [];
   const check = () => {
