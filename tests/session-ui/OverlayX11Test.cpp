@@ -15,10 +15,13 @@
 #include "frameloop/WindowCapturer.h"
 #include "session-ui/linux/X11Overlay.h"
 #include "support/ManualExecutor.h"
+#include "support/SolidPng.h"
 #include "support/X11TestDisplay.h"
 
 namespace quorvix {
 namespace {
+
+using test::solidPng;
 
 template <typename T>
 using Reply = std::unique_ptr<T, decltype(&std::free)>;
@@ -49,27 +52,6 @@ class Screen {
   xcb_connection_t* c_;
   xcb_window_t root_;
 };
-
-std::vector<std::uint8_t> pngOf(int width, int height, double r, double g, double b) {
-  std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
-      cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height), &cairo_surface_destroy);
-  {
-    std::unique_ptr<cairo_t, decltype(&cairo_destroy)> cr(cairo_create(surface.get()),
-                                                          &cairo_destroy);
-    cairo_set_source_rgb(cr.get(), r, g, b);
-    cairo_paint(cr.get());
-  }
-  std::vector<std::uint8_t> png;
-  cairo_surface_write_to_png_stream(
-      surface.get(),
-      [](void* closure, const unsigned char* data, unsigned int length) {
-        auto* out = static_cast<std::vector<std::uint8_t>*>(closure);
-        out->insert(out->end(), data, data + length);
-        return CAIRO_STATUS_SUCCESS;
-      },
-      &png);
-  return png;
-}
 
 class OverlayX11Test : public ::testing::Test {
  protected:
@@ -148,7 +130,7 @@ TEST_F(OverlayX11Test, DrawingsAndTheLaserShowWhereTheAgentPutThemThenGo) {
                        {"y", 0.5},
                        {"width", 0.25},
                        {"height", 0.25},
-                       {"image", pngOf(480, 270, 0, 0, 1)},
+                       {"image", solidPng(480, 270, 0, 0, 1)},
                        {"disappears_in", 1000},
                        {"fade_duration", 200}};
     annotations.updateDrawnAnnotation(*QRVDrawing::from(drawing));
@@ -192,7 +174,7 @@ TEST_F(OverlayX11Test, ClicksPassThroughTheOverlayToTheWindowBelow) {
   QRVLinuxAnnotations annotations(canvas, main.get());
   annotations.setActive(true);
   annotations.updateDrawnAnnotation(*QRVDrawing::from(
-      Value::Map{{"type", "Drawing"}, {"id", "d"}, {"image", pngOf(192, 108, 1, 0, 0)}}));
+      Value::Map{{"type", "Drawing"}, {"id", "d"}, {"image", solidPng(192, 108, 1, 0, 0)}}));
   QRVLinuxSessionIndicator indicator(display, mainScreen);
   indicator.show();
   ASSERT_TRUE(waitFor([&] { return screen->pixel(960, 540) == kRed; })) << "covered by ink";
@@ -244,7 +226,7 @@ TEST_F(OverlayX11Test, TheWindowSourceLeavesTheLibrarysOwnWindowsOut) {
                                    {"y", 0.3},
                                    {"width", 0.2},
                                    {"height", 0.3},
-                                   {"image", pngOf(16, 16, 0, 0, 1)}}));
+                                   {"image", solidPng(16, 16, 0, 0, 1)}}));
   QRVLinuxSessionIndicator indicator(display, mainScreen);
   indicator.show();
   ASSERT_TRUE(

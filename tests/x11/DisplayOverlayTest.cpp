@@ -20,6 +20,7 @@
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
+#include "support/SolidPng.h"
 #include "support/X11TestDisplay.h"
 #include "x11/CaptureChecks.h"
 #include "x11/X11TestClient.h"
@@ -29,27 +30,6 @@ namespace {
 
 constexpr int kMaxTicks = 30;
 constexpr std::uint32_t kRed = 0xff0000;
-
-std::vector<std::uint8_t> solidPng(int width, int height, double r, double g, double b) {
-  std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
-      cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height), &cairo_surface_destroy);
-  {
-    std::unique_ptr<cairo_t, decltype(&cairo_destroy)> cr(cairo_create(surface.get()),
-                                                          &cairo_destroy);
-    cairo_set_source_rgb(cr.get(), r, g, b);
-    cairo_paint(cr.get());
-  }
-  std::vector<std::uint8_t> png;
-  cairo_surface_write_to_png_stream(
-      surface.get(),
-      [](void* closure, const unsigned char* data, unsigned int length) {
-        auto* out = static_cast<std::vector<std::uint8_t>*>(closure);
-        out->insert(out->end(), data, data + length);
-        return CAIRO_STATUS_SUCCESS;
-      },
-      &png);
-  return png;
-}
 
 // A picture no replication from its surroundings could guess.
 std::uint32_t busyPattern(int x, int y) {
