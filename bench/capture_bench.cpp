@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <dirent.h>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include <xcb/shm.h>
 #include <xcb/xcb.h>
 
 #include <cairo.h>
@@ -28,6 +30,8 @@
 #include "frameloop/DisplayGrabber.h"
 #include "frameloop/linux/QRVX11DisplayFrameSource.h"
 #include "frameloop/linux/QRVX11WindowFrameSource.h"
+#include "frameloop/linux/XcbConnection.h"
+#include "frameloop/linux/XcbShm.h"
 #include "quorvix/Log.h"
 #include "session-ui/linux/X11Overlay.h"
 
@@ -154,6 +158,30 @@ Row windowSource(const std::string& display, double scale, int frames) {
         ++row.newFrames;
         last = frame->image();
       }
+    });
+  });
+}
+
+// The floor again, paced as the sources are: a whole-screen MIT-SHM read every 100 ms. Between
+// reads the scene's drawing pushes the framebuffer out of the caches, so each copy costs what it
+// costs a source, which the back-to-back loop does not show.
+Row pacedFloor(const std::string& display, int frames) {
+  Row row{"floor: MIT-SHM grab, paced"};
+  auto c = x11::XcbConnection::open(display, "capture_bench");
+  const xcb_screen_t* screen = c ? xcb_setup_roots_iterator(xcb_get_setup(c->get())).data : nullptr;
+  auto segment = c ? x11::ShmSegment::create(*c, std::size_t(1920) * 1080 * 4) : nullptr;
+  if (!segment)
+    return row;
+  return measure(row.name, RUSAGE_SELF, [&](Row& r) {
+    paced(frames, [&] {
+      std::free(xcb_shm_get_image_reply(
+          c->get(),
+          xcb_shm_get_image(c->get(), screen->root, 0, 0, screen->width_in_pixels,
+                            screen->height_in_pixels, ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment->id(),
+                            0),
+          nullptr));
+      ++r.frames;
+      ++r.newFrames;
     });
   });
 }
@@ -296,6 +324,18 @@ int main(int argc, char** argv) {
   const std::string peers = argv[1];
   const int frames = argc > 2 ? std::atoi(argv[2]) : 100;
 
+  // The scene's own drawing loads the X server too: measured alone over as long as a paced run
+  // takes, and taken off every paced row below.
+  const Row scene = measure("scene alone", RUSAGE_SELF, [&](Row& row) {
+    paced(frames, [] {});
+    row.frames = frames;
+  });
+  const double sceneServerPerFrame = scene.serverMs / frames;
+  auto netOfScene = [sceneServerPerFrame](Row row) {
+    row.serverMs = std::max(0.0, row.serverMs - sceneServerPerFrame * row.frames);
+    return row;
+  };
+
   std::vector<Row> rows;
   rows.push_back(measure("ffmpeg x11grab, capture alone", RUSAGE_CHILDREN, [&](Row& row) {
     run({"ffmpeg",
@@ -322,13 +362,16 @@ int main(int argc, char** argv) {
          "-"});
     row.frames = row.newFrames = frames;
   }));
+  rows.back() = netOfScene(rows.back());
   rows.push_back(measure("floor: MIT-SHM grab loop", RUSAGE_CHILDREN, [&](Row& row) {
     run({peers + "/xshmgrab", std::to_string(frames), "shm"});
     row.frames = row.newFrames = frames;
   }));
+  rows.push_back(netOfScene(pacedFloor(display, frames)));
+  const double pacedFloorMs = rows.back().perFrame();
   for (double scale : {1.0, 0.5}) {
-    rows.push_back(displaySource(display, scale, frames));
-    rows.push_back(windowSource(display, scale, frames));
+    rows.push_back(netOfScene(displaySource(display, scale, frames)));
+    rows.push_back(netOfScene(windowSource(display, scale, frames)));
   }
 
   // The library's own overlays up: what leaving them out of the frames costs.
@@ -337,16 +380,21 @@ int main(int argc, char** argv) {
   {
     Overlays overlays(display);
     repaired = grabReads(display, "root read, overlays rebuilt", frames);
-    rows.push_back(displaySource(display, 1.0, frames));
+    rows.push_back(netOfScene(displaySource(display, 1.0, frames)));
     rows.back().name += ", overlays up";
   }
 
   const double peer = rows[0].perFrame();
-  std::printf("%-32s %7s %7s %10s %10s %10s %8s\n", "pipeline", "frames", "new", "client ms",
-              "server ms", "ms/frame", "x ffmpeg");
+  const double floor = rows[1].perFrame();
+  std::printf("X server load of the scene alone: %.3f ms per 100 ms (taken off the paced rows)\n",
+              sceneServerPerFrame);
+  std::printf("%-40s %7s %7s %10s %10s %10s %8s %8s %8s\n", "pipeline", "frames", "new",
+              "client ms", "server ms", "ms/frame", "x ffmpeg", "x floor", "x paced");
   for (const auto& r : rows)
-    std::printf("%-32s %7d %7d %10.1f %10.1f %10.3f %8.2f\n", r.name.c_str(), r.frames, r.newFrames,
-                r.clientMs, r.serverMs, r.perFrame(), peer > 0 ? r.perFrame() / peer : 0.0);
+    std::printf("%-40s %7d %7d %10.1f %10.1f %10.3f %8.2f %8.2f %8.2f\n", r.name.c_str(), r.frames,
+                r.newFrames, r.clientMs, r.serverMs, r.perFrame(),
+                peer > 0 ? r.perFrame() / peer : 0.0, floor > 0 ? r.perFrame() / floor : 0.0,
+                pacedFloorMs > 0 ? r.perFrame() / pacedFloorMs : 0.0);
   std::fflush(stdout);
 
   std::printf("\nleaving the border, a drawing and the laser out of full-screen reads\n");

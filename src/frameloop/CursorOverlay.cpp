@@ -1,6 +1,7 @@
 #include "frameloop/CursorOverlay.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include <cairo.h>
 
@@ -77,6 +78,37 @@ bool placeCursor(const QRVScreenRect& screen,
   out.ringX = out.ratio * (px - d / 2);
   out.ringY = out.ratio * (py - d / 2);
   return true;
+}
+
+QRVScreenRect cursorBounds(int width,
+                           int height,
+                           const QRVScreenRect& screen,
+                           const QRVCursorImage& cursor,
+                           const QRVPointerState& pointer) {
+  CursorPlacement place;
+  if (width <= 0 || height <= 0 || !cursor.isValid() ||
+      !placeCursor(screen, width, cursor, pointer, place))
+    return {};
+  double left = place.x;
+  double top = place.y;
+  double right = place.x + cursor.width * place.ratio;
+  double bottom = place.y + cursor.height * place.ratio;
+  if (pointer.buttons & (QRVPointerState::kLeftButton | QRVPointerState::kRightButton)) {
+    // The ring's stroke is centred on its circle: half of the wider stroke lies outside.
+    const double stroke = 3 * place.ratio;
+    left = std::min(left, place.ringX - stroke);
+    top = std::min(top, place.ringY - stroke);
+    right = std::max(right, place.ringX + place.ringSide + stroke);
+    bottom = std::max(bottom, place.ringY + place.ringSide + stroke);
+  }
+  // A pixel further each way for the filter's and the antialiasing's reach.
+  const int x0 = std::clamp(int(std::floor(left)) - 1, 0, width);
+  const int y0 = std::clamp(int(std::floor(top)) - 1, 0, height);
+  const int x1 = std::clamp(int(std::ceil(right)) + 1, 0, width);
+  const int y1 = std::clamp(int(std::ceil(bottom)) + 1, 0, height);
+  if (x1 <= x0 || y1 <= y0)
+    return {};
+  return {x0, y0, x1 - x0, y1 - y0};
 }
 
 void drawCursor(std::uint8_t* bgrx,

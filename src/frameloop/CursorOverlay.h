@@ -66,6 +66,15 @@ bool placeCursor(const QRVScreenRect& screen,
                  const QRVPointerState& pointer,
                  CursorPlacement& out);
 
+// The part of a width × height picture of `screen` that drawCursor() may change, in picture
+// pixels; empty when it draws nothing. What lies there is all a caller must keep to take the
+// cursor out again.
+QRVScreenRect cursorBounds(int width,
+                           int height,
+                           const QRVScreenRect& screen,
+                           const QRVCursorImage& cursor,
+                           const QRVPointerState& pointer);
+
 // Draws the cursor, then the click ring while the left or right button is down (white with the
 // left one, else green, each inside a black stroke), into `bgrx` (width × height, packed rows),
 // a picture of `screen` whose width is `width`.

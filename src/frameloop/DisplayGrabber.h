@@ -5,13 +5,25 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "frameloop/CursorOverlay.h"
 #include "frameloop/QRVScreen.h"
 
 namespace quorvix {
+
+// A read's rows, rect.width × rect.height × 4 bytes at `data`, alive for as long as `owner` is
+// held. Its holder may write them until it hands them on; whoever holds `owner` after that only
+// reads.
+struct GrabbedPixels {
+  std::uint8_t* data = nullptr;
+  std::shared_ptr<void> owner;
+
+  bool empty() const { return data == nullptr; }
+};
 
 class DisplayGrabber {
  public:
@@ -24,9 +36,16 @@ class DisplayGrabber {
   // Whether the rectangle may have changed since the previous call (true on the first call and
   // for a new rectangle, and always when the server sends no change notifications).
   virtual bool takeDamage(const QRVScreenRect& rect) = 0;
-  // Reads the rectangle (inside the root window) as packed BGRX rows; the view stays valid until
-  // the next read. Empty on failure, which is logged.
-  virtual std::span<const std::uint8_t> read(const QRVScreenRect& rect) = 0;
+  // Reads the rectangle (inside the root window) as packed BGRX rows into memory of its own,
+  // which the caller may draw on and hand on as a picture (see GrabbedPixels). Empty on failure,
+  // which is logged.
+  virtual GrabbedPixels read(const QRVScreenRect& rect) = 0;
+  // The rectangles the last takeDamage() found changed, inside its rectangle; nullopt when it
+  // could not tell which (a first or new rectangle, no change notifications, too many pieces).
+  virtual std::optional<std::vector<QRVScreenRect>> lastDamage() const = 0;
+  // Reads a part of the screen as packed BGRX rows, valid until the next read or part read: for
+  // bringing a held picture up to date where it changed. Empty on failure, which is logged.
+  virtual std::span<const std::uint8_t> readPart(const QRVScreenRect& part) = 0;
   virtual QRVPointerState pointer() = 0;
   // The cursor's picture for the serial in the last pointer(): the server's, else the last one it
   // gave, else the built-in arrow. Never nullptr.

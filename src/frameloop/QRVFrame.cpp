@@ -40,12 +40,12 @@ std::shared_ptr<const QRVPixelBuffer> toPixelBuffer(const QRVImage& image) {
 std::shared_ptr<const QRVImage> toImage(const QRVPixelBuffer& buffer) {
   const int w = buffer.width();
   const int h = buffer.height();
-  std::vector<std::uint8_t> bgrx(std::size_t(w) * h * QRVImage::kBytesPerPixel);
-  if (libyuv::I420ToARGB(buffer.dataY(), buffer.strideY(), buffer.dataU(), buffer.strideUV(),
-                         buffer.dataV(), buffer.strideUV(), bgrx.data(),
-                         w * QRVImage::kBytesPerPixel, w, h) != 0)
+  auto bgrx = QRVImage::allocate(w, h);
+  if (!bgrx || libyuv::I420ToARGB(buffer.dataY(), buffer.strideY(), buffer.dataU(),
+                                  buffer.strideUV(), buffer.dataV(), buffer.strideUV(), bgrx.get(),
+                                  w * QRVImage::kBytesPerPixel, w, h) != 0)
     return nullptr;
-  return QRVImage::create(w, h, std::move(bgrx));
+  return QRVImage::wrap(w, h, bgrx.get(), bgrx);
 }
 
 }  // namespace
@@ -55,7 +55,26 @@ std::shared_ptr<const QRVImage> QRVImage::create(int width,
                                                  std::vector<std::uint8_t> bgrx) {
   if (!isPossibleSize(width, height) || bgrx.size() != std::size_t(width) * height * kBytesPerPixel)
     return nullptr;
-  return std::shared_ptr<const QRVImage>(new QRVImage(width, height, std::move(bgrx)));
+  auto rows = std::make_shared<const std::vector<std::uint8_t>>(std::move(bgrx));
+  const std::span<const std::uint8_t> bytes(*rows);
+  return std::shared_ptr<const QRVImage>(new QRVImage(width, height, bytes, std::move(rows)));
+}
+
+std::shared_ptr<const QRVImage> QRVImage::wrap(int width,
+                                               int height,
+                                               const std::uint8_t* bgrx,
+                                               std::shared_ptr<const void> owner) {
+  if (bgrx == nullptr || !isPossibleSize(width, height))
+    return nullptr;
+  const std::span<const std::uint8_t> bytes(bgrx, std::size_t(width) * height * kBytesPerPixel);
+  return std::shared_ptr<const QRVImage>(new QRVImage(width, height, bytes, std::move(owner)));
+}
+
+std::shared_ptr<std::uint8_t[]> QRVImage::allocate(int width, int height) {
+  if (!isPossibleSize(width, height))
+    return nullptr;
+  return std::make_shared_for_overwrite<std::uint8_t[]>(std::size_t(width) * height *
+                                                        kBytesPerPixel);
 }
 
 std::size_t QRVPixelBuffer::byteCount(int width, int height) {
@@ -132,12 +151,12 @@ std::shared_ptr<QRVFrame> QRVFrame::scale(double factor) const {
     return std::make_shared<QRVFrame>(std::shared_ptr<const QRVImage>());
   const int newWidth = int(w);
   const int newHeight = int(h);
-  std::vector<std::uint8_t> bgrx(std::size_t(newWidth) * newHeight * QRVImage::kBytesPerPixel);
-  if (libyuv::ARGBScale(source->bytes().data(), source->stride(), width_, height_, bgrx.data(),
-                        newWidth * QRVImage::kBytesPerPixel, newWidth, newHeight,
-                        libyuv::kFilterBox) != 0)
+  auto bgrx = QRVImage::allocate(newWidth, newHeight);
+  if (!bgrx || libyuv::ARGBScale(source->bytes().data(), source->stride(), width_, height_,
+                                 bgrx.get(), newWidth * QRVImage::kBytesPerPixel, newWidth,
+                                 newHeight, libyuv::kFilterBox) != 0)
     return std::make_shared<QRVFrame>(std::shared_ptr<const QRVImage>());
-  return std::make_shared<QRVFrame>(QRVImage::create(newWidth, newHeight, std::move(bgrx)));
+  return std::make_shared<QRVFrame>(QRVImage::wrap(newWidth, newHeight, bgrx.get(), bgrx));
 }
 
 QRVSampleTiming QRVFrame::timing() const {

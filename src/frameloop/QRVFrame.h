@@ -22,6 +22,16 @@ class QRVImage {
   static std::shared_ptr<const QRVImage> create(int width,
                                                 int height,
                                                 std::vector<std::uint8_t> bgrx);
+  // Rows of width × height × 4 bytes at `bgrx`, kept alive (and never written again) for as long
+  // as `owner` is held: a capture's own memory handed on without a copy. nullptr for a null
+  // pointer or an impossible size.
+  static std::shared_ptr<const QRVImage> wrap(int width,
+                                              int height,
+                                              const std::uint8_t* bgrx,
+                                              std::shared_ptr<const void> owner);
+  // Room for the rows of a picture of this size, uninitialised, to fill and then wrap(); nullptr
+  // for an impossible size.
+  static std::shared_ptr<std::uint8_t[]> allocate(int width, int height);
 
   int width() const { return width_; }
   int height() const { return height_; }
@@ -29,12 +39,16 @@ class QRVImage {
   std::span<const std::uint8_t> bytes() const { return bytes_; }
 
  private:
-  QRVImage(int width, int height, std::vector<std::uint8_t> bytes)
-      : width_(width), height_(height), bytes_(std::move(bytes)) {}
+  QRVImage(int width,
+           int height,
+           std::span<const std::uint8_t> bytes,
+           std::shared_ptr<const void> owner)
+      : width_(width), height_(height), bytes_(bytes), owner_(std::move(owner)) {}
 
   const int width_;
   const int height_;
-  const std::vector<std::uint8_t> bytes_;
+  const std::span<const std::uint8_t> bytes_;
+  const std::shared_ptr<const void> owner_;
 };
 
 // A planar YUV 4:2:0 (I420) picture as the video encoder takes it: a full-size Y plane followed by

@@ -135,6 +135,40 @@ TEST(CursorOverlayTest, ClickRingIsWhiteForTheLeftButtonGreenForTheRightAndAbsen
 namespace quorvix {
 namespace {
 
+// The capture keeps only what lies inside cursorBounds() to take the cursor out again: a pixel
+// drawn outside them would stay in every later picture.
+TEST(CursorOverlayTest, EverythingDrawnLiesInsideTheBounds) {
+  const QRVScreenRect screen{100, 50, 200, 120};
+  QRVCursorImage big{24, 32, 3, 2, std::vector<std::uint32_t>(24 * 32, 0xffffffff)};
+  const QRVCursorImage* cursors[] = {&big, QRVCursorImage::builtinArrow().get()};
+  struct Case {
+    int x, y;
+  };
+  const Case points[] = {{100, 50}, {299, 169}, {200, 110}, {101, 168}, {298, 51}, {150, 60}};
+  int checked = 0;
+  for (const QRVCursorImage* cursor : cursors)
+    for (const int width : {200, 100, 67})
+      for (const unsigned buttons :
+           {0u, QRVPointerState::kLeftButton, QRVPointerState::kRightButton})
+        for (const Case& c : points) {
+          const int height = width * 120 / 200;
+          Picture picture(width, height);
+          const QRVPointerState pointer{c.x, c.y, buttons, 1};
+          drawCursor(picture.bytes.data(), width, height, screen, *cursor, pointer);
+          const QRVScreenRect bounds = cursorBounds(width, height, screen, *cursor, pointer);
+          for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+              if (picture.at(x, y) != kBackground) {
+                ASSERT_TRUE(bounds.contains(x, y))
+                    << "pixel " << x << "," << y << " of a " << width << " wide picture, pointer "
+                    << c.x << "," << c.y << " buttons " << buttons;
+                ++checked;
+              }
+        }
+  EXPECT_GT(checked, 1000);
+  EXPECT_TRUE(cursorBounds(200, 120, screen, big, {99, 50, 0, 1}).isEmpty());
+}
+
 TEST(CursorOverlayTest, ServerCursorsAreBoundedAndTheirHotSpotClamped) {
   const std::vector<std::uint32_t> pixels(16, 0xff000000);
   auto ok = QRVCursorImage::fromServer(4, 4, 9, 2, pixels.data(), pixels.size());

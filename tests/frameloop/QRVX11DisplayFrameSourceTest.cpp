@@ -1,7 +1,10 @@
 // The display source's logic over a fake display, on a manual main queue.
 #include "frameloop/linux/QRVX11DisplayFrameSource.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
+#include <libyuv/scale_argb.h>
 
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
@@ -21,6 +24,9 @@ struct FakeDisplay {
   bool lost = false;
   QRVPointerState pointer{-100, -100, 0, 1};
   int reads = 0;
+  int partReads = 0;
+  // What takeDamage() says changed, when it can tell.
+  std::optional<std::vector<QRVScreenRect>> damage;
   int grabbersMade = 0;
   bool reachable = true;
   bool notifies = true;
@@ -37,13 +43,24 @@ class FakeGrabber final : public DisplayGrabber {
   explicit FakeGrabber(std::shared_ptr<FakeDisplay> d) : d_(std::move(d)) {}
   std::shared_ptr<const QRVScreen> mainScreen() override { return d_->lost ? nullptr : d_->screen; }
   bool takeDamage(const QRVScreenRect&) override { return std::exchange(d_->damaged, false); }
-  std::span<const std::uint8_t> read(const QRVScreenRect& rect) override {
+  GrabbedPixels read(const QRVScreenRect& rect) override {
     ++d_->reads;
     const auto& f = d_->screen->frame();
     if (d_->lost || !(rect == f))
       return {};
-    copy_ = d_->pixels;
-    return copy_;
+    auto copy = std::make_shared<std::vector<std::uint8_t>>(d_->pixels);
+    return {copy->data(), copy};
+  }
+  std::optional<std::vector<QRVScreenRect>> lastDamage() const override { return d_->damage; }
+  std::span<const std::uint8_t> readPart(const QRVScreenRect& part) override {
+    ++d_->partReads;
+    const int width = d_->screen->frame().width;
+    part_.clear();
+    for (int y = part.y; y < part.y + part.height; ++y) {
+      const auto row = d_->pixels.begin() + (std::ptrdiff_t(y) * width + part.x) * 4;
+      part_.insert(part_.end(), row, row + std::ptrdiff_t(part.width) * 4);
+    }
+    return part_;
   }
   QRVPointerState pointer() override { return d_->pointer; }
   std::shared_ptr<const QRVCursorImage> cursor() override {
@@ -55,7 +72,7 @@ class FakeGrabber final : public DisplayGrabber {
 
  private:
   std::shared_ptr<FakeDisplay> d_;
-  std::vector<std::uint8_t> copy_;
+  std::vector<std::uint8_t> part_;
 };
 
 class RecordingDelegate final : public QRVX11DisplayFrameSourceDelegate {
@@ -190,6 +207,84 @@ TEST_F(DisplayFrameSourceTest,
   EXPECT_EQ(display_->reads, reads + 1);
   display_->paint(0x44, false);
   EXPECT_EQ(next()->image()->bytes()[0], 0x44);
+}
+
+// Reads are drawn on in place, so a comparison must see past the cursor in the held picture.
+TEST_F(DisplayFrameSourceTest, ComparisonsLookPastTheDrawnCursorAndAMovedOneLeavesNoTrace) {
+  display_->notifies = false;
+  display_->pointer = {3, 1, 0, 1};
+  source_->capturingWillStart();
+  auto first = next();
+  const std::size_t underCursor = (1 * 8 + 3) * 4;
+  ASSERT_EQ(first->image()->bytes()[underCursor], 0xef);
+  EXPECT_EQ(next()->image(), first->image()) << "the cursor drawn in is no change of the screen";
+
+  display_->pixels[underCursor] = 0x99;  // hidden by the cursor, but the screen changed
+  auto changed = next();
+  EXPECT_NE(changed->image(), first->image());
+  EXPECT_EQ(first->image()->bytes()[underCursor], 0xef) << "a picture handed out never changes";
+
+  display_->pointer = {5, 2, 0, 1};
+  const int reads = display_->reads;
+  auto moved = next();
+  EXPECT_EQ(display_->reads, reads + 1);
+  EXPECT_EQ(moved->image()->bytes()[underCursor], 0x99) << "where the cursor was: the screen";
+  EXPECT_EQ(moved->image()->bytes()[(2 * 8 + 5) * 4], 0xef);
+  EXPECT_EQ(next()->image(), moved->image());
+}
+
+// At half size only what changed is read and scaled; the picture must equal a whole read's.
+TEST_F(DisplayFrameSourceTest, SmallChangesAtHalfSizeReadOnlyTheirPartsAndMatchAWholeRead) {
+  display_->screen = std::make_shared<QRVScreen>("fake", QRVScreenRect{0, 0, 64, 32}, 0.0);
+  display_->pixels.resize(64 * 32 * 4);
+  std::uint32_t seed = 7;
+  auto random = [&seed] { return std::uint8_t((seed = seed * 1103515245 + 12345) >> 16); };
+  for (auto& b : display_->pixels)
+    b = random();
+  display_->pointer = {21, 9, 0, 1};
+  source_->capturingWillStart();
+  next(0.5);
+  auto wholeRead = [&] {
+    std::vector<std::uint8_t> out(32 * 16 * 4);
+    libyuv::ARGBScale(display_->pixels.data(), 64 * 4, 64, 32, out.data(), 32 * 4, 32, 16,
+                      libyuv::kFilterBilinear);
+    drawCursor(out.data(), 32, 16, display_->screen->frame(),
+               QRVCursorImage{1, 1, 0, 0, std::vector<std::uint32_t>{0xffabcdef}},
+               display_->pointer);
+    return out;
+  };
+  // Odd edges, a part under the cursor, one at the picture's edge, two overlapping.
+  const std::vector<std::vector<QRVScreenRect>> changes = {{{3, 5, 7, 3}},
+                                                           {{20, 8, 3, 3}, {61, 29, 3, 3}},
+                                                           {{10, 10, 9, 9}, {14, 14, 9, 9}},
+                                                           {{0, 0, 1, 1}}};
+  for (const auto& change : changes) {
+    for (const auto& r : change)
+      for (int y = r.y; y < r.y + r.height; ++y)
+        for (int x = r.x; x < r.x + r.width; ++x)
+          for (int c = 0; c < 4; ++c)
+            display_->pixels[(std::size_t(y) * 64 + x) * 4 + c] = random();
+    display_->damaged = true;
+    display_->damage = change;
+    const int reads = display_->reads;
+    auto frame = next(0.5);
+    EXPECT_EQ(display_->reads, reads) << "no whole read";
+    const auto bytes = frame->image()->bytes();
+    EXPECT_TRUE(std::ranges::equal(bytes, wholeRead())) << change.front().x;
+  }
+  EXPECT_EQ(display_->partReads, 6);
+
+  // A change too big for parts, or of unknown extent, reads the whole.
+  display_->damaged = true;
+  display_->damage = std::vector<QRVScreenRect>{{0, 0, 64, 12}};
+  int reads = display_->reads;
+  next(0.5);
+  EXPECT_EQ(display_->reads, reads + 1);
+  display_->damaged = true;
+  display_->damage.reset();
+  reads = display_->reads;
+  next(0.5);
+  EXPECT_EQ(display_->reads, reads + 1);
 }
 
 TEST_F(DisplayFrameSourceTest, WithoutChangeNotificationsEveryCaptureComparesFromTheStart) {

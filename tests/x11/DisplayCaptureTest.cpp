@@ -4,10 +4,13 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <xcb/xfixes.h>
 
+#include "frameloop/DisplayGrabber.h"
 #include "frameloop/QRVScreenWatcher.h"
 #include "frameloop/linux/QRVX11DisplayFrameSource.h"
 #include "frameloop/linux/XcbShm.h"
@@ -92,6 +95,44 @@ TEST_F(DisplayCaptureTest, ReadsTheSameThroughEveryKindOfSharedMemoryAndWithout)
     EXPECT_EQ(fellBackToGetImage, kinds == Kinds::none);
     EXPECT_TRUE(logs_.mentions("asking the server for a segment") || kinds == Kinds::none);
   }
+  client_->destroy(window);
+}
+
+// Reads are handed on in the memory the server wrote them into, which goes back for later reads
+// once let go: while held, a read keeps its pixels through later reads, more of them than there
+// are segments, the grabber's end, and its holders letting go on other threads.
+TEST_F(DisplayCaptureTest, ReadsHandedOnKeepTheirPixelsWhileHeld) {
+  const xcb_window_t window = client_->createWindow(10, 10, 32, 32, [](int, int) { return 0; });
+  auto grabber = DisplayGrabber::createX11(testDisplayName());
+  ASSERT_NE(grabber, nullptr);
+  const QRVScreenRect screen{0, 0, 1920, 1080};
+  auto pixel = [](const GrabbedPixels& read) {
+    const std::uint8_t* p = read.data + (std::size_t(20) * 1920 + 20) * 4;
+    return std::uint32_t(p[2]) << 16 | std::uint32_t(p[1]) << 8 | p[0];
+  };
+  std::vector<std::pair<std::uint32_t, GrabbedPixels>> held;
+  std::vector<std::thread> releasers;
+  for (std::uint32_t i = 0; i < 12; ++i) {
+    const std::uint32_t colour = 0x102030 + i * 0x0a0a0a;
+    client_->fill(window, colour, 0, 0, 32, 32);
+    client_->sync();
+    GrabbedPixels read = grabber->read(screen);
+    ASSERT_FALSE(read.empty());
+    ASSERT_EQ(pixel(read), colour) << i;
+    if (i % 3 == 2) {
+      // Let go on another thread while the reads go on.
+      releasers.emplace_back([r = std::move(read)]() mutable { r = {}; });
+      continue;
+    }
+    held.emplace_back(colour, std::move(read));
+    for (const auto& [expected, earlier] : held)
+      ASSERT_EQ(pixel(earlier), expected) << "after read " << i;
+  }
+  for (auto& t : releasers)
+    t.join();
+  grabber.reset();
+  for (const auto& [expected, earlier] : held)
+    EXPECT_EQ(pixel(earlier), expected) << "after the grabber went";
   client_->destroy(window);
 }
 

@@ -3,9 +3,9 @@
 // screen, which it checks when capturing starts and reports to its delegate. An unchanged screen
 // with a still pointer costs no read: the held picture is handed out again, the very same image.
 //
-// Every method runs on the main queue, which is also where the screen is read (one round trip
-// and a copy, well under a frame). The delegate is called synchronously from
-// capturingWillStart().
+// Every method runs on the main queue, which is also where the screen is read (one round trip,
+// well under a frame; the read is handed on without a copy). The delegate is called synchronously
+// from capturingWillStart().
 #pragma once
 
 #include <functional>
@@ -34,6 +34,8 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
  public:
   static constexpr Duration kMinCaptureInterval = std::chrono::milliseconds(100);
   static constexpr Duration kReconnectInterval = std::chrono::seconds(1);
+  // Changes covering more than 1 / kMaxPartShare of the screen are read whole.
+  static constexpr std::size_t kMaxPartShare = 3;
   static constexpr long kNoPermissionCode = 403;
   static constexpr const char* kErrorDomain = "ScreenCapture";
 
@@ -72,12 +74,24 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   void createInput(double scale);
   void captureIfDue();
   void connectionLost();
-  // A read of `rect` brought to the output scale; nullptr for an empty size or a failed scale.
-  std::shared_ptr<const QRVImage> scaleRead(std::span<const std::uint8_t> read,
-                                            const QRVScreenRect& rect) const;
-  // A new picture from the last read with the pointer drawn in; nullptr without a read.
-  std::shared_ptr<const QRVImage> compose(const QRVPointerState& pointer);
-
+  // A read of `rect` at width × height: the read itself at its own size, else a scaled copy;
+  // empty when the size is not positive or scaling fails.
+  GrabbedPixels scaleRead(GrabbedPixels read,
+                          const QRVScreenRect& rect,
+                          int width,
+                          int height) const;
+  // Reads and scales only what changed into a copy of the held picture, when it is at half size
+  // and the change is small; false when the whole screen has to be read.
+  bool refreshParts(const QRVScreenRect& rect, const QRVPointerState& pointer);
+  // Puts the clean pixels under the cursor back into a copy of the held picture.
+  void restorePatch(std::uint8_t* bgrx, int width) const;
+  // Draws the pointer into a clean read at the output scale, keeping what lies under it, and
+  // hands it out as the new picture.
+  void publish(GrabbedPixels pixels, int width, int height, const QRVPointerState& pointer);
+  // The held picture with the pointer moved: a copy with the cursor taken out and drawn again.
+  void recomposite(const QRVPointerState& pointer);
+  // Whether a clean read at the output scale shows what the held picture shows under its cursor.
+  bool sameAsLatest(const std::uint8_t* clean) const;
   const std::shared_ptr<Executor> mainQueue_;
   const Platform platform_;
   std::weak_ptr<QRVX11DisplayFrameSourceDelegate> delegate_;
@@ -91,10 +105,14 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   double inputScale_ = 1.0;
   std::shared_ptr<const QRVImage> latest_;
   CaptureChangeDetector detector_;
-  // The last read at the output scale, without the cursor: what a moved pointer is drawn over
-  // and what the next read is compared with. Kept scaled, so that a read is never copied whole:
-  // the scale is its only pass, and a difference too small to survive it would send nothing new.
-  std::shared_ptr<const QRVImage> lastRead_;
+  // What the cursor drawn into latest_ covers, clean: with it the held picture is the last read,
+  // which the next read is compared with and a moved pointer is drawn over. Reads are drawn on in
+  // place and handed on without a copy, so the cursor's patch is all that is kept apart.
+  struct CursorPatch {
+    QRVScreenRect rect;  // in picture pixels
+    std::vector<std::uint8_t> clean;
+  };
+  CursorPatch patch_;
   QRVScreenRect lastReadRect_;
   SteadyTime nextCapture_{};
   SteadyTime nextReconnect_{};

@@ -5,6 +5,8 @@
 // rebuilding the damaged part alone and comparing it with the held read.
 #include <algorithm>
 #include <cstring>
+#include <mutex>
+#include <optional>
 #include <vector>
 
 #include <xcb/damage.h>
@@ -57,7 +59,8 @@ class X11DisplayGrabber final : public DisplayGrabber {
 
   ~X11DisplayGrabber() override {
     overlays_.reset();
-    segment_.reset();
+    segments_.clear();
+    spare_.reset();
     if (!c_->lost()) {
       if (damage_ != XCB_NONE)
         xcb_damage_destroy(c_->get(), damage_);
@@ -83,6 +86,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
     overlays_->update();
     const bool fresh = !(rect == lastRect_);
     lastRect_ = rect;
+    lastDamage_.reset();
     if (damage_ == XCB_NONE)
       return true;
     std::vector<QRVScreenRect> damaged;
@@ -111,44 +115,76 @@ class X11DisplayGrabber final : public DisplayGrabber {
       return true;
     if (damaged.empty())
       return false;
+    lastDamage_ = damaged;
     return !onlyOverlaysChanged(rect, damaged);
   }
 
-  std::span<const std::uint8_t> read(const QRVScreenRect& rect) override {
+  GrabbedPixels read(const QRVScreenRect& rect) override {
     if (rect.isEmpty() || c_->lost())
       return {};
     const std::size_t size = std::size_t(rect.width) * rect.height * 4;
-    if (useShm_ && (!segment_ || segment_->size() < size)) {
-      held_ = {};
-      segment_.reset();
-      segment_ = x11::ShmSegment::create(*c_, size);
-      if (!segment_) {
-        useShm_ = false;
-        logger()->warn("no shared memory with the X server; reading the screen with GetImage");
-      }
-    }
-    if (useShm_) {
+    GrabbedPixels out;
+    if (useShm_)
+      out = takeSegment(size);
+    if (x11::ShmSegment* segment = !useShm_      ? nullptr
+                                   : out.empty() ? spare_.get()
+                                                 : segments_[lastSlot_].get()) {
       auto reply = x11::replyOf(
           *c_, xcb_shm_get_image_reply,
           xcb_shm_get_image(c_->get(), c_->root(), std::int16_t(rect.x), std::int16_t(rect.y),
                             std::uint16_t(rect.width), std::uint16_t(rect.height), ~0u,
-                            XCB_IMAGE_FORMAT_Z_PIXMAP, segment_->id(), 0),
+                            XCB_IMAGE_FORMAT_Z_PIXMAP, segment->id(), 0),
           "MIT-SHM screen read");
       if (!reply || reply->size < size || !isBgrx(reply->depth))
         return {};
-      return held({segment_->mutableData(), rect});
+      if (out.empty())
+        out = copyOf(segment->data(), size);
+      return held(out, rect);
     }
-    auto reply =
-        x11::replyOf(*c_, xcb_get_image_reply,
-                     xcb_get_image(c_->get(), XCB_IMAGE_FORMAT_Z_PIXMAP, c_->root(),
-                                   std::int16_t(rect.x), std::int16_t(rect.y),
-                                   std::uint16_t(rect.width), std::uint16_t(rect.height), ~0u),
-                     "screen read");
-    if (!reply || std::size_t(xcb_get_image_data_length(reply.get())) < size ||
-        !isBgrx(reply->depth))
+    return readPlain(rect, size);
+  }
+
+  std::optional<std::vector<QRVScreenRect>> lastDamage() const override { return lastDamage_; }
+
+  std::span<const std::uint8_t> readPart(const QRVScreenRect& part) override {
+    if (part.isEmpty() || c_->lost())
       return {};
-    plain_.assign(xcb_get_image_data(reply.get()), xcb_get_image_data(reply.get()) + size);
-    return held({plain_.data(), rect});
+    const std::size_t size = std::size_t(part.width) * part.height * 4;
+    std::uint8_t* data = nullptr;
+    if (useShm_) {
+      if (!spare_ && segmentSize_ >= size)
+        spare_ = x11::ShmSegment::create(*c_, segmentSize_);
+      if (spare_ && spare_->size() >= size) {
+        auto reply = x11::replyOf(
+            *c_, xcb_shm_get_image_reply,
+            xcb_shm_get_image(c_->get(), c_->root(), std::int16_t(part.x), std::int16_t(part.y),
+                              std::uint16_t(part.width), std::uint16_t(part.height), ~0u,
+                              XCB_IMAGE_FORMAT_Z_PIXMAP, spare_->id(), 0),
+            "MIT-SHM screen part read");
+        if (!reply || reply->size < size || !isBgrx(reply->depth))
+          return {};
+        data = spare_->mutableData();
+      }
+    }
+    if (!data) {
+      auto reply =
+          x11::replyOf(*c_, xcb_get_image_reply,
+                       xcb_get_image(c_->get(), XCB_IMAGE_FORMAT_Z_PIXMAP, c_->root(),
+                                     std::int16_t(part.x), std::int16_t(part.y),
+                                     std::uint16_t(part.width), std::uint16_t(part.height), ~0u),
+                       "screen part read");
+      if (!reply || std::size_t(xcb_get_image_data_length(reply.get())) < size ||
+          !isBgrx(reply->depth))
+        return {};
+      scratch_.assign(xcb_get_image_data(reply.get()), xcb_get_image_data(reply.get()) + size);
+      data = scratch_.data();
+    }
+    if (overlays_->active()) {
+      const bool heldCovers = held_.data != nullptr && containsRect(held_.rect, part);
+      overlays_->repair({data, part}, heldCovers ? ConstPixelView{held_.data, held_.rect}
+                                                 : ConstPixelView{data, part});
+    }
+    return {data, size};
   }
 
   QRVPointerState pointer() override {
@@ -245,13 +281,82 @@ class X11DisplayGrabber final : public DisplayGrabber {
     }
   }
 
+  GrabbedPixels readPlain(const QRVScreenRect& rect, std::size_t size) {
+    auto reply =
+        x11::replyOf(*c_, xcb_get_image_reply,
+                     xcb_get_image(c_->get(), XCB_IMAGE_FORMAT_Z_PIXMAP, c_->root(),
+                                   std::int16_t(rect.x), std::int16_t(rect.y),
+                                   std::uint16_t(rect.width), std::uint16_t(rect.height), ~0u),
+                     "screen read");
+    if (!reply || std::size_t(xcb_get_image_data_length(reply.get())) < size ||
+        !isBgrx(reply->depth))
+      return {};
+    return held(copyOf(xcb_get_image_data(reply.get()), size), rect);
+  }
+
+  static GrabbedPixels copyOf(const std::uint8_t* data, std::size_t size) {
+    auto copy = std::make_shared_for_overwrite<std::uint8_t[]>(size);
+    std::memcpy(copy.get(), data, size);
+    return {copy.get(), copy};
+  }
+
+  // A segment of `size` bytes that no picture holds, handed out with the read that goes into it
+  // (its index in lastSlot_); empty when every segment is held, and the read then goes into the
+  // spare segment and is copied. Turns MIT-SHM off when the server gives no segment at all.
+  GrabbedPixels takeSegment(std::size_t size) {
+    if (size != segmentSize_) {
+      held_ = {};
+      heldOwner_.reset();
+      segments_.clear();
+      spare_.reset();
+      leases_ = std::make_shared<Leases>();
+      segmentSize_ = size;
+    }
+    std::optional<std::size_t> slot;
+    {
+      std::lock_guard lock(leases_->mutex);
+      for (std::size_t i = 0; i < segments_.size() && !slot; ++i)
+        if (!leases_->held[i])
+          slot = i;
+      if (slot)
+        leases_->held[*slot] = true;
+    }
+    if (!slot && segments_.size() < kMaxSegments) {
+      if (auto segment = x11::ShmSegment::create(*c_, size)) {
+        segments_.push_back(std::move(segment));
+        std::lock_guard lock(leases_->mutex);
+        leases_->held.push_back(true);
+        slot = segments_.size() - 1;
+      }
+    }
+    if (slot) {
+      lastSlot_ = *slot;
+      auto mapping = segments_[*slot]->mapping();
+      void* data = mapping.get();
+      return {static_cast<std::uint8_t*>(data),
+              std::shared_ptr<void>(data, [leases = leases_, mapping, i = *slot](void*) {
+                std::lock_guard lock(leases->mutex);
+                leases->held[i] = false;
+              })};
+    }
+    if (!spare_)
+      spare_ = x11::ShmSegment::create(*c_, size);
+    if (!spare_ && segments_.empty()) {
+      useShm_ = false;
+      logger()->warn("no shared memory with the X server; reading the screen with GetImage");
+    }
+    // Without a spare segment either, this one read goes through GetImage.
+    return {};
+  }
+
   // The read just made, with the overlays rebuilt out of it; kept to compare later reads with.
-  std::span<const std::uint8_t> held(PixelView read) {
+  GrabbedPixels held(GrabbedPixels read, const QRVScreenRect& rect) {
     if (overlays_->active())
-      overlays_->repair(read, {read.data, read.rect});
-    held_ = read;
+      overlays_->repair({read.data, rect}, {read.data, rect});
+    held_ = {read.data, rect};
+    heldOwner_ = read.owner;
     heldOverlays_ = overlays_->overlays();
-    return {read.data, std::size_t(read.rect.width) * read.rect.height * 4};
+    return read;
   }
 
   // Whether the damage, touching overlays now or at the held read, reads the same as the held read
@@ -314,20 +419,32 @@ class X11DisplayGrabber final : public DisplayGrabber {
   std::shared_ptr<const QRVScreen> screen_;
   bool screenDirty_ = false;
   bool useShm_ = false;
-  std::unique_ptr<x11::ShmSegment> segment_;
-  std::vector<std::uint8_t> plain_;
+  // Which segments a picture holds; written by whichever thread lets one go.
+  struct Leases {
+    std::mutex mutex;
+    std::vector<bool> held;
+  };
+  static constexpr std::size_t kMaxSegments = 6;
+  std::vector<std::unique_ptr<x11::ShmSegment>> segments_;
+  std::shared_ptr<Leases> leases_ = std::make_shared<Leases>();
+  std::size_t segmentSize_ = 0;
+  std::size_t lastSlot_ = 0;
+  std::unique_ptr<x11::ShmSegment> spare_;
   xcb_damage_damage_t damage_ = XCB_NONE;
   xcb_xfixes_region_t region_ = XCB_NONE;
   std::uint8_t damageEvent_ = 0;
   bool damageSeen_ = false;
   QRVScreenRect lastRect_;
+  std::optional<std::vector<QRVScreenRect>> lastDamage_;
   bool hasXFixes_ = false;
   std::uint8_t cursorEvent_ = 0;
   std::uint32_t cursorSerial_ = 0;
   x11::CursorCache cursors_;
   std::unique_ptr<x11::X11OwnOverlays> overlays_;
-  // The last read (the segment's or plain_'s pixels) and the overlays it was rebuilt under.
+  // The last read and the overlays it was rebuilt under. Whoever it was handed to may have drawn
+  // the cursor into it since, which at worst takes overlay-only damage for a change.
   PixelView held_;
+  std::shared_ptr<void> heldOwner_;
   std::vector<QRVScreenRect> heldOverlays_;
   std::vector<std::uint8_t> scratch_;
   std::uint64_t overlayOnlyDamage_ = 0;

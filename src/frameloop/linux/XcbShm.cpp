@@ -32,13 +32,21 @@ std::unique_ptr<ShmSegment> ShmSegment::create(const XcbConnection& c, std::size
   return createFd(c, size);
 }
 
+ShmSegment::ShmSegment(const XcbConnection& c,
+                       xcb_shm_seg_t seg,
+                       void* data,
+                       std::size_t size,
+                       bool sysv)
+    : c_(c), seg_(seg), data_(data), size_(size), mapping_(data, [size, sysv](void* p) {
+        if (sysv)
+          shmdt(p);
+        else
+          munmap(p, size);
+      }) {}
+
 ShmSegment::~ShmSegment() {
   if (!c_.lost())
     xcb_shm_detach(c_.get(), seg_);
-  if (sysv_)
-    shmdt(data_);
-  else
-    munmap(data_, size_);
 }
 
 std::unique_ptr<ShmSegment> ShmSegment::createSysV(const XcbConnection& c, std::size_t size) {

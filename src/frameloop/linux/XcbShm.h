@@ -27,6 +27,9 @@ class ShmSegment {
   // Writable too: a read may be touched up in place before it is handed on.
   std::uint8_t* mutableData() { return static_cast<std::uint8_t*>(data_); }
   std::size_t size() const { return size_; }
+  // Holds the memory mapped after the segment is gone (and its connection with it): a read handed
+  // on keeps its pixels. Released on any thread.
+  std::shared_ptr<void> mapping() const { return mapping_; }
 
   // Test hook: which kinds create() may make, to exercise the fallbacks on a server that offers
   // both.
@@ -34,8 +37,7 @@ class ShmSegment {
   static void setKindsForTesting(Kinds kinds);
 
  private:
-  ShmSegment(const XcbConnection& c, xcb_shm_seg_t seg, void* data, std::size_t size, bool sysv)
-      : c_(c), seg_(seg), data_(data), size_(size), sysv_(sysv) {}
+  ShmSegment(const XcbConnection& c, xcb_shm_seg_t seg, void* data, std::size_t size, bool sysv);
   static std::unique_ptr<ShmSegment> createSysV(const XcbConnection& c, std::size_t size);
   static std::unique_ptr<ShmSegment> createFd(const XcbConnection& c, std::size_t size);
 
@@ -43,7 +45,7 @@ class ShmSegment {
   const xcb_shm_seg_t seg_;
   void* const data_;
   const std::size_t size_;
-  const bool sysv_;
+  const std::shared_ptr<void> mapping_;
 };
 
 }  // namespace quorvix::x11
