@@ -324,6 +324,13 @@ int main(int argc, char** argv) {
   const std::string peers = argv[1];
   const int frames = argc > 2 ? std::atoi(argv[2]) : 100;
 
+  // CAPTURE_BENCH_ONLY=SCALE runs the display source alone, for a profiler.
+  if (const char* only = std::getenv("CAPTURE_BENCH_ONLY")) {
+    const Row row = displaySource(display, std::atof(only), frames);
+    std::printf("%s: %.3f ms client per frame\n", row.name.c_str(), row.clientMs / row.frames);
+    return 0;
+  }
+
   // The scene's own drawing loads the X server too: measured alone over as long as a paced run
   // takes, and taken off every paced row below.
   const Row scene = measure("scene alone", RUSAGE_SELF, [&](Row& row) {

@@ -8,6 +8,7 @@
 
 #include <libyuv/scale_argb.h>
 
+#include "frameloop/OverlayRepair.h"
 #include "utils/Logging.h"
 
 namespace quorvix {
@@ -195,14 +196,14 @@ void QRVX11DisplayFrameSource::captureIfDue() {
   }
   const int width = int(rect.width * inputScale_);
   const int height = int(rect.height * inputScale_);
-  GrabbedPixels scaled = scaleRead(std::move(read), rect, width, height);
-  if (scaled.empty()) {
+  Picture scaled = scaleRead(std::move(read), rect, width, height);
+  if (scaled.pixels.empty()) {
     detector_.reset();
     return;
   }
   if (action == CaptureChangeDetector::Action::compare) {
     const bool differs = !latest_ || lastReadRect_ != rect || latest_->width() != width ||
-                         latest_->height() != height || !sameAsLatest(scaled.data);
+                         latest_->height() != height || !sameAsLatest(scaled.pixels.data);
     if (detector_.compared(differs))
       logger()->debug("the screen changed without a change notification; comparing every capture");
     if (!differs) {
@@ -213,7 +214,7 @@ void QRVX11DisplayFrameSource::captureIfDue() {
   }
   lastReadRect_ = rect;
   logger()->debug("got capture output");
-  publish(std::move(scaled), width, height, pointer);
+  publish(std::move(scaled), width, height, pointer, nullptr);
 }
 
 void QRVX11DisplayFrameSource::connectionLost() {
@@ -225,22 +226,67 @@ void QRVX11DisplayFrameSource::connectionLost() {
   nextReconnect_ = mainQueue_->clock().now() + kReconnectInterval;
 }
 
-GrabbedPixels QRVX11DisplayFrameSource::scaleRead(GrabbedPixels read,
-                                                  const QRVScreenRect& rect,
-                                                  int width,
-                                                  int height) const {
+QRVX11DisplayFrameSource::Picture QRVX11DisplayFrameSource::newPicture(const QRVScreenRect& of,
+                                                                       int width,
+                                                                       int height) {
+  if (width * 2 != of.width || height * 2 != of.height) {
+    auto bgrx = QRVImage::allocate(width, height);
+    return {{bgrx.get(), bgrx}, std::nullopt};
+  }
+  if (!halves_.empty() && (halves_.front().width != width || halves_.front().height != height)) {
+    halves_.clear();
+    halfLeases_.clear();
+  }
+  std::optional<std::size_t> index = halfLeases_.take();
+  if (!index && halves_.size() < kMaxHalfPictures) {
+    auto bgrx = QRVImage::allocate(width, height);
+    if (!bgrx)
+      return {};
+    halves_.push_back({bgrx, width, height});
+    index = halfLeases_.add();
+  }
+  if (!index) {
+    auto bgrx = QRVImage::allocate(width, height);
+    return {{bgrx.get(), bgrx}, std::nullopt};
+  }
+  return leaseHalf(*index);
+}
+
+QRVX11DisplayFrameSource::Picture QRVX11DisplayFrameSource::leaseHalf(std::size_t index) {
+  // Unusable for an update until it is handed out whole: a fill may stop halfway.
+  halves_[index].generation = 0;
+  std::uint8_t* data = halves_[index].pixels.get();
+  return {{data, halfLeases_.lease(index, data, halves_[index].pixels)}, index};
+}
+
+QRVX11DisplayFrameSource::Picture QRVX11DisplayFrameSource::scaleRead(GrabbedPixels read,
+                                                                      const QRVScreenRect& rect,
+                                                                      int width,
+                                                                      int height) {
   if (width <= 0 || height <= 0)
     return {};
   if (width == rect.width && height == rect.height)
-    return read;
-  auto out = QRVImage::allocate(width, height);
-  if (!out || libyuv::ARGBScale(read.data, rect.width * 4, rect.width, rect.height, out.get(),
-                                width * 4, width, height, libyuv::kFilterBilinear) != 0) {
+    return {std::move(read), std::nullopt};
+  Picture out = newPicture(rect, width, height);
+  if (out.pixels.empty() ||
+      libyuv::ARGBScale(read.data, rect.width * 4, rect.width, rect.height, out.pixels.data,
+                        width * 4, width, height, libyuv::kFilterBilinear) != 0) {
     logger()->debug("scaling the capture output failed");
     return {};
   }
-  return {out.get(), out};
+  return out;
 }
+
+namespace {
+
+std::size_t areaOf(const std::vector<QRVScreenRect>& parts) {
+  std::size_t area = 0;
+  for (const auto& p : parts)
+    area += std::size_t(p.width) * p.height;
+  return area;
+}
+
+}  // namespace
 
 bool QRVX11DisplayFrameSource::refreshParts(const QRVScreenRect& rect,
                                             const QRVPointerState& pointer) {
@@ -256,7 +302,6 @@ bool QRVX11DisplayFrameSource::refreshParts(const QRVScreenRect& rect,
   if (!damage || damage->empty())
     return false;
   std::vector<QRVScreenRect> parts;
-  std::size_t area = 0;
   for (const QRVScreenRect& d : *damage) {
     const int x0 = (d.x - rect.x) & ~7;
     const int y0 = (d.y - rect.y) & ~1;
@@ -265,45 +310,80 @@ bool QRVX11DisplayFrameSource::refreshParts(const QRVScreenRect& rect,
     if (x0 < 0 || y0 < 0 || x1 <= x0 || y1 <= y0)
       return false;
     parts.push_back({rect.x + x0, rect.y + y0, x1 - x0, y1 - y0});
-    area += std::size_t(x1 - x0) * (y1 - y0);
   }
   // Past a third of the screen, one whole read costs less than the pieces and the copy.
-  if (area * kMaxPartShare > std::size_t(rect.width) * rect.height)
+  const std::size_t most = std::size_t(rect.width) * rect.height / kMaxPartShare;
+  if (areaOf(parts) > most)
     return false;
   const int width = latest_->width();
   const int height = latest_->height();
-  auto out = QRVImage::allocate(width, height);
-  if (!out)
+
+  // A picture nobody holds any more, made since the history starts, needs only what changed
+  // since it was made; any other starts as a copy of the held one.
+  std::optional<std::size_t> reuse;
+  for (std::size_t i = 0; i < halves_.size(); ++i)
+    if (halves_[i].width == width && halves_[i].height == height &&
+        halves_[i].generation >= historyStart_ &&
+        (!reuse || halves_[i].generation > halves_[*reuse].generation) && halfLeases_.isFree(i))
+      reuse = i;
+  std::vector<QRVScreenRect> toRead = parts;
+  if (reuse) {
+    // A busy window changes in the same place frame after frame: what one part contains is
+    // read once.
+    for (const auto& [generation, changed] : history_)
+      if (generation > halves_[*reuse].generation)
+        for (const QRVScreenRect& c : changed)
+          if (std::none_of(toRead.begin(), toRead.end(),
+                           [&c](const QRVScreenRect& r) { return containsRect(r, c); })) {
+            std::erase_if(toRead, [&c](const QRVScreenRect& r) { return containsRect(c, r); });
+            toRead.push_back(c);
+          }
+    if (areaOf(toRead) > most || !halfLeases_.take(*reuse)) {
+      reuse.reset();
+      toRead = parts;
+    }
+  }
+  Picture out = reuse ? leaseHalf(*reuse) : newPicture(rect, width, height);
+  if (out.pixels.empty())
     return false;
-  std::memcpy(out.get(), latest_->bytes().data(), latest_->bytes().size());
-  restorePatch(out.get(), width);
-  for (const QRVScreenRect& part : parts) {
+  if (reuse) {
+    restorePatch(out.pixels.data, width, halves_[*reuse].patch);
+    halves_[*reuse].patch = {};
+  } else {
+    std::memcpy(out.pixels.data, latest_->bytes().data(), latest_->bytes().size());
+    restorePatch(out.pixels.data, width, patch_);
+  }
+  for (const QRVScreenRect& part : toRead) {
     const auto read = grabber_->readPart(part);
-    std::uint8_t* at = out.get() + (std::size_t((part.y - rect.y) / 2) * width +
-                                    std::size_t((part.x - rect.x) / 2)) *
-                                       QRVImage::kBytesPerPixel;
+    std::uint8_t* at = out.pixels.data + (std::size_t((part.y - rect.y) / 2) * width +
+                                          std::size_t((part.x - rect.x) / 2)) *
+                                             QRVImage::kBytesPerPixel;
     if (read.empty() ||
         libyuv::ARGBScale(read.data(), part.width * 4, part.width, part.height, at, width * 4,
                           part.width / 2, part.height / 2, libyuv::kFilterBilinear) != 0)
       return false;
   }
-  publish({out.get(), out}, width, height, pointer);
+  publish(std::move(out), width, height, pointer, &parts);
   return true;
 }
 
-void QRVX11DisplayFrameSource::restorePatch(std::uint8_t* bgrx, int width) const {
+void QRVX11DisplayFrameSource::restorePatch(std::uint8_t* bgrx,
+                                            int width,
+                                            const CursorPatch& patch) {
   const std::size_t stride = std::size_t(width) * QRVImage::kBytesPerPixel;
-  const std::size_t rowBytes = std::size_t(patch_.rect.width) * QRVImage::kBytesPerPixel;
-  for (int row = 0; row < patch_.rect.height; ++row)
-    std::memcpy(bgrx + (patch_.rect.y + row) * stride +
-                    std::size_t(patch_.rect.x) * QRVImage::kBytesPerPixel,
-                patch_.clean.data() + row * rowBytes, rowBytes);
+  const std::size_t rowBytes = std::size_t(patch.rect.width) * QRVImage::kBytesPerPixel;
+  for (int row = 0; row < patch.rect.height; ++row)
+    std::memcpy(
+        bgrx + (patch.rect.y + row) * stride + std::size_t(patch.rect.x) * QRVImage::kBytesPerPixel,
+        patch.clean.data() + row * rowBytes, rowBytes);
 }
 
-void QRVX11DisplayFrameSource::publish(GrabbedPixels pixels,
+void QRVX11DisplayFrameSource::publish(Picture picture,
                                        int width,
                                        int height,
-                                       const QRVPointerState& pointer) {
+                                       const QRVPointerState& pointer,
+                                       const std::vector<QRVScreenRect>* changed) {
+  std::uint8_t* const pixels = picture.pixels.data;
   const std::size_t stride = std::size_t(width) * QRVImage::kBytesPerPixel;
   patch_ = {};
   if (grabber_) {
@@ -314,13 +394,28 @@ void QRVX11DisplayFrameSource::publish(GrabbedPixels pixels,
       patch_.clean.resize(rowBytes * patch_.rect.height);
       for (int row = 0; row < patch_.rect.height; ++row)
         std::memcpy(patch_.clean.data() + row * rowBytes,
-                    pixels.data + (patch_.rect.y + row) * stride +
+                    pixels + (patch_.rect.y + row) * stride +
                         std::size_t(patch_.rect.x) * QRVImage::kBytesPerPixel,
                     rowBytes);
-      drawCursor(pixels.data, width, height, lastReadRect_, *cursor, pointer);
+      drawCursor(pixels, width, height, lastReadRect_, *cursor, pointer);
     }
   }
-  latest_ = QRVImage::wrap(width, height, pixels.data, std::move(pixels.owner));
+  latest_ = QRVImage::wrap(width, height, pixels, std::move(picture.pixels.owner));
+  ++generation_;
+  if (changed) {
+    history_.emplace_back(generation_, *changed);
+    if (history_.size() > kHistoryLength) {
+      historyStart_ = history_.front().first;
+      history_.pop_front();
+    }
+  } else {
+    history_.clear();
+    historyStart_ = generation_;
+  }
+  if (picture.half) {
+    halves_[*picture.half].generation = generation_;
+    halves_[*picture.half].patch = patch_;
+  }
 }
 
 void QRVX11DisplayFrameSource::recomposite(const QRVPointerState& pointer) {
@@ -328,12 +423,13 @@ void QRVX11DisplayFrameSource::recomposite(const QRVPointerState& pointer) {
     return;
   const int width = latest_->width();
   const int height = latest_->height();
-  auto copy = QRVImage::allocate(width, height);
-  if (!copy)
+  Picture copy = newPicture(lastReadRect_, width, height);
+  if (copy.pixels.empty())
     return;
-  std::memcpy(copy.get(), latest_->bytes().data(), latest_->bytes().size());
-  restorePatch(copy.get(), width);
-  publish({copy.get(), copy}, width, height, pointer);
+  std::memcpy(copy.pixels.data, latest_->bytes().data(), latest_->bytes().size());
+  restorePatch(copy.pixels.data, width, patch_);
+  const std::vector<QRVScreenRect> nothing;
+  publish(std::move(copy), width, height, pointer, &nothing);
 }
 
 bool QRVX11DisplayFrameSource::sameAsLatest(const std::uint8_t* clean) const {

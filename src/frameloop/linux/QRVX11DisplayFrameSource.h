@@ -8,12 +8,15 @@
 // from capturingWillStart().
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "frameloop/BufferLeases.h"
 #include "frameloop/CaptureChangeDetector.h"
 #include "frameloop/DisplayGrabber.h"
 #include "frameloop/QRVFrameSource.h"
@@ -74,20 +77,35 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   void createInput(double scale);
   void captureIfDue();
   void connectionLost();
+  // What the cursor drawn into a picture covers, clean: with it the picture is the read it was
+  // drawn into.
+  struct CursorPatch {
+    QRVScreenRect rect;  // in picture pixels
+    std::vector<std::uint8_t> clean;
+  };
+  // Room for a picture, and which half-size picture of the pool it is, if one.
+  struct Picture {
+    GrabbedPixels pixels;
+    std::optional<std::size_t> half;
+  };
+  // A picture of the read `of` to fill: from the pool at half its size, else on its own.
+  Picture newPicture(const QRVScreenRect& of, int width, int height);
+  Picture leaseHalf(std::size_t index);
   // A read of `rect` at width × height: the read itself at its own size, else a scaled copy;
   // empty when the size is not positive or scaling fails.
-  GrabbedPixels scaleRead(GrabbedPixels read,
-                          const QRVScreenRect& rect,
-                          int width,
-                          int height) const;
-  // Reads and scales only what changed into a copy of the held picture, when it is at half size
+  Picture scaleRead(GrabbedPixels read, const QRVScreenRect& rect, int width, int height);
+  // Reads and scales only what changed into a picture of the held one, when it is at half size
   // and the change is small; false when the whole screen has to be read.
   bool refreshParts(const QRVScreenRect& rect, const QRVPointerState& pointer);
-  // Puts the clean pixels under the cursor back into a copy of the held picture.
-  void restorePatch(std::uint8_t* bgrx, int width) const;
+  static void restorePatch(std::uint8_t* bgrx, int width, const CursorPatch& patch);
   // Draws the pointer into a clean read at the output scale, keeping what lies under it, and
-  // hands it out as the new picture.
-  void publish(GrabbedPixels pixels, int width, int height, const QRVPointerState& pointer);
+  // hands it out as the new picture. `changed` is what changed since the held picture, in root
+  // coordinates; nullptr for a whole read.
+  void publish(Picture picture,
+               int width,
+               int height,
+               const QRVPointerState& pointer,
+               const std::vector<QRVScreenRect>* changed);
   // The held picture with the pointer moved: a copy with the cursor taken out and drawn again.
   void recomposite(const QRVPointerState& pointer);
   // Whether a clean read at the output scale shows what the held picture shows under its cursor.
@@ -105,14 +123,28 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   double inputScale_ = 1.0;
   std::shared_ptr<const QRVImage> latest_;
   CaptureChangeDetector detector_;
-  // What the cursor drawn into latest_ covers, clean: with it the held picture is the last read,
-  // which the next read is compared with and a moved pointer is drawn over. Reads are drawn on in
-  // place and handed on without a copy, so the cursor's patch is all that is kept apart.
-  struct CursorPatch {
-    QRVScreenRect rect;  // in picture pixels
-    std::vector<std::uint8_t> clean;
-  };
+  // Reads are drawn on in place and handed on without a copy, so what the cursor covers in
+  // latest_ is all that is kept apart: with it the held picture is the last read, which the next
+  // read is compared with and a moved pointer is drawn over.
   CursorPatch patch_;
+  // Half-size pictures, reused once nobody holds them: brought up to date with the parts that
+  // changed since they were made instead of copied whole.
+  struct HalfPicture {
+    std::shared_ptr<std::uint8_t[]> pixels;
+    int width = 0;
+    int height = 0;
+    std::uint64_t generation = 0;  // of the picture it holds
+    CursorPatch patch;
+  };
+  static constexpr std::size_t kMaxHalfPictures = 4;
+  static constexpr std::size_t kHistoryLength = 8;
+  std::vector<HalfPicture> halves_;
+  BufferLeases halfLeases_;
+  // Each picture handed out is a generation; for those after historyStart_, what changed from
+  // the one before (a whole read starts the history again).
+  std::uint64_t generation_ = 0;
+  std::uint64_t historyStart_ = 1;
+  std::deque<std::pair<std::uint64_t, std::vector<QRVScreenRect>>> history_;
   QRVScreenRect lastReadRect_;
   SteadyTime nextCapture_{};
   SteadyTime nextReconnect_{};

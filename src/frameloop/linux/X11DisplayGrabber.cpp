@@ -5,7 +5,6 @@
 // rebuilding the damaged part alone and comparing it with the held read.
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -15,6 +14,7 @@
 #include <xcb/xfixes.h>
 #include <xcb/xtest.h>
 
+#include "frameloop/BufferLeases.h"
 #include "frameloop/DisplayGrabber.h"
 #include "frameloop/linux/X11OwnOverlays.h"
 #include "frameloop/linux/X11Screens.h"
@@ -309,35 +309,21 @@ class X11DisplayGrabber final : public DisplayGrabber {
       heldOwner_.reset();
       segments_.clear();
       spare_.reset();
-      leases_ = std::make_shared<Leases>();
+      leases_.clear();
       segmentSize_ = size;
     }
-    std::optional<std::size_t> slot;
-    {
-      std::lock_guard lock(leases_->mutex);
-      for (std::size_t i = 0; i < segments_.size() && !slot; ++i)
-        if (!leases_->held[i])
-          slot = i;
-      if (slot)
-        leases_->held[*slot] = true;
-    }
+    std::optional<std::size_t> slot = leases_.take();
     if (!slot && segments_.size() < kMaxSegments) {
       if (auto segment = x11::ShmSegment::create(*c_, size)) {
         segments_.push_back(std::move(segment));
-        std::lock_guard lock(leases_->mutex);
-        leases_->held.push_back(true);
-        slot = segments_.size() - 1;
+        slot = leases_.add();
       }
     }
     if (slot) {
       lastSlot_ = *slot;
       auto mapping = segments_[*slot]->mapping();
-      void* data = mapping.get();
-      return {static_cast<std::uint8_t*>(data),
-              std::shared_ptr<void>(data, [leases = leases_, mapping, i = *slot](void*) {
-                std::lock_guard lock(leases->mutex);
-                leases->held[i] = false;
-              })};
+      auto* data = static_cast<std::uint8_t*>(mapping.get());
+      return {data, leases_.lease(*slot, data, std::move(mapping))};
     }
     if (!spare_)
       spare_ = x11::ShmSegment::create(*c_, size);
@@ -419,14 +405,9 @@ class X11DisplayGrabber final : public DisplayGrabber {
   std::shared_ptr<const QRVScreen> screen_;
   bool screenDirty_ = false;
   bool useShm_ = false;
-  // Which segments a picture holds; written by whichever thread lets one go.
-  struct Leases {
-    std::mutex mutex;
-    std::vector<bool> held;
-  };
   static constexpr std::size_t kMaxSegments = 6;
   std::vector<std::unique_ptr<x11::ShmSegment>> segments_;
-  std::shared_ptr<Leases> leases_ = std::make_shared<Leases>();
+  BufferLeases leases_;
   std::size_t segmentSize_ = 0;
   std::size_t lastSlot_ = 0;
   std::unique_ptr<x11::ShmSegment> spare_;
