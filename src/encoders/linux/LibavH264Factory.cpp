@@ -63,10 +63,11 @@ constexpr std::array<EncoderInfo, LibavH264Factory::kCandidateCount> kCandidates
 // Quality up to 0.5 takes "ultrafast" with the 8x8 transform and the deblocking filter turned back
 // on: the transform makes the stream High profile, and CAVLC stays, since a browser decodes a
 // text-heavy key frame about three times faster than with CABAC. On a recorded 1080p desktop at
-// 512 kbit/s it costs 3.7 ms of CPU a frame for 27.3 dB, against 6.5 ms and 26.0 dB for
-// "superfast" (the fastest preset that writes High), 4.4 ms and 28.7 dB with CABAC added, and
-// 3.4 ms and 26.7 dB for plain "ultrafast", which writes Constrained Baseline
-// (bench/x264_preset_bench). Above 0.5, slower presets.
+// 512 kbit/s it costs 3.8 ms of CPU a frame for 26.9 dB, against 6.4 ms and 26.3 dB for
+// "superfast" (the fastest preset that writes High), 4.2 ms and 28.0 dB in 7% fewer bytes with
+// CABAC added, and 3.5 ms and 26.8 dB for plain "ultrafast", which writes Constrained Baseline
+// (bench/x264_preset_bench; the filter adds 0.2 to 0.7 dB depending on the recording). Above 0.5,
+// slower presets.
 struct X264Setting {
   const char* preset;
   const char* params;  // x264-params
