@@ -56,9 +56,10 @@ class H264EncoderSession {
   // The encoder library's name for the encoder in use.
   virtual std::string name() const = 0;
   virtual bool isHardwareAccelerated() const = 0;
-  // Submits one picture, scaled to the session's size as needed. `dropped` is set when the
-  // encoder discarded it: its output handler is then never called for it.
-  virtual H264EncodeStatus encode(const QRVPixelBuffer& picture,
+  // Submits one picture, scaled to the session's size as needed; the session may keep a reference
+  // to it until the encoder has taken it in. `dropped` is set when the encoder discarded it: its
+  // output handler is then never called for it.
+  virtual H264EncodeStatus encode(const std::shared_ptr<const QRVPixelBuffer>& picture,
                                   const QRVSampleTiming& timing,
                                   bool forceKeyFrame,
                                   std::uint64_t frameId,

@@ -28,7 +28,7 @@ bool ChoosingH264Backend::encodesFirstPicture(std::size_t index,
   if (!probe.session)
     return false;
   bool dropped = false;
-  if (probe.session->encode(*picture, {}, true, 0, dropped) != H264EncodeStatus::ok || dropped)
+  if (probe.session->encode(picture, {}, true, 0, dropped) != H264EncodeStatus::ok || dropped)
     return false;
   // An encoder that holds pictures back gives this one up when told to finish.
   if (!produced)

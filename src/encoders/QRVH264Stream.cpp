@@ -172,7 +172,7 @@ void QRVH264Stream::Core::encode(const std::shared_ptr<QRVFrame>& frame, const C
   bool dropped = false;
   QRV_LOGGER_FOR(kPerformanceCategory)->trace("begin encodeFrame {}", frameId);
   const H264EncodeStatus status =
-      session_->encode(*picture, timing, forceKeyframe_, frameId, dropped);
+      session_->encode(picture, timing, forceKeyframe_, frameId, dropped);
   if (status == H264EncodeStatus::ok) {
     if (dropped) {
       QRV_LOGGER_FOR(kPerformanceCategory)->trace("end encodeFrame {}", frameId);

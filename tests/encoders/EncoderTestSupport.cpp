@@ -1,5 +1,6 @@
 #include "encoders/EncoderTestSupport.h"
 
+#include <bit>
 #include <cmath>
 
 extern "C" {
@@ -8,6 +9,8 @@ extern "C" {
 #include <libyuv/planar_functions.h>
 #include <libyuv/scale.h>
 #include <turbojpeg.h>
+
+#include "encoders/H264Sample.h"
 
 namespace quorvix::test {
 
@@ -99,6 +102,83 @@ std::vector<int> nalTypes(std::span<const std::uint8_t> b) {
       i += 2;
     }
   return types;
+}
+
+namespace {
+
+// Reads an RBSP (emulation prevention bytes already removed) bit by bit; past the end, zeros.
+class BitReader {
+ public:
+  explicit BitReader(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)) {}
+
+  bool bit() {
+    const std::size_t byte = at_ / 8;
+    const bool value = byte < bytes_.size() && (bytes_[byte] >> (7 - at_ % 8) & 1);
+    ++at_;
+    return value;
+  }
+  std::uint32_t bits(int count) {
+    std::uint32_t value = 0;
+    for (int i = 0; i < count; ++i)
+      value = value << 1 | std::uint32_t(bit());
+    return value;
+  }
+  // Exp-Golomb; bounded so that a run of zeros cannot shift past 32 bits.
+  std::uint32_t ue() {
+    int zeros = 0;
+    while (!bit() && zeros < 31)
+      ++zeros;
+    return (1u << zeros) - 1 + bits(zeros);
+  }
+  std::int32_t se() {
+    const std::uint32_t k = ue();
+    return k % 2 ? std::int32_t((k + 1) / 2) : -std::int32_t(k / 2);
+  }
+  // Whether data remains before the stop bit, the last 1 of the RBSP.
+  bool moreData() const {
+    for (std::size_t i = bytes_.size(); i-- > 0;)
+      if (bytes_[i] != 0)
+        return at_ < i * 8 + 7 - std::size_t(std::countr_zero(bytes_[i]));
+    return false;
+  }
+
+ private:
+  std::vector<std::uint8_t> bytes_;
+  std::size_t at_ = 0;
+};
+
+}  // namespace
+
+std::optional<PictureParameterTools> pictureParameterTools(std::span<const std::uint8_t> annexB) {
+  constexpr int kPictureParameterSet = 8;
+  for (auto unit : splitAnnexB(annexB)) {
+    if ((unit[0] & 0x1F) != kPictureParameterSet)
+      continue;
+    std::vector<std::uint8_t> rbsp;
+    for (std::size_t i = 1; i < unit.size(); ++i) {
+      if (i >= 3 && unit[i] == 3 && unit[i - 1] == 0 && unit[i - 2] == 0)
+        continue;
+      rbsp.push_back(unit[i]);
+    }
+    BitReader r(std::move(rbsp));
+    PictureParameterTools tools;
+    r.ue();  // pic_parameter_set_id
+    r.ue();  // seq_parameter_set_id
+    tools.cabac = r.bit();
+    r.bit();  // bottom_field_pic_order_in_frame_present_flag
+    if (r.ue() != 0)
+      return std::nullopt;  // slice groups
+    r.ue();                 // num_ref_idx_l0_default_active_minus1
+    r.ue();                 // num_ref_idx_l1_default_active_minus1
+    r.bits(3);              // weighted_pred_flag, weighted_bipred_idc
+    r.se();                 // pic_init_qp_minus26
+    r.se();                 // pic_init_qs_minus26
+    r.se();                 // chroma_qp_index_offset
+    r.bits(3);  // deblocking_filter_control_present, constrained_intra_pred, redundant_pic_cnt
+    tools.transform8x8 = r.moreData() && r.bit();
+    return tools;
+  }
+  return std::nullopt;
 }
 
 std::optional<DecodedJPEG> decodeJPEG(std::span<const std::uint8_t> jpeg) {

@@ -40,6 +40,14 @@ DecodedVideo decodeH264(const std::vector<std::vector<std::uint8_t>>& accessUnit
 // NAL unit types of an Annex B buffer, in order.
 std::vector<int> nalTypes(std::span<const std::uint8_t> annexB);
 
+// The coding tools the first picture parameter set of an Annex B buffer turns on; nothing when it
+// has none or uses slice groups (which no encoder here writes).
+struct PictureParameterTools {
+  bool cabac = false;         // entropy_coding_mode_flag; CAVLC when false
+  bool transform8x8 = false;  // transform_8x8_mode_flag, a High profile tool
+};
+std::optional<PictureParameterTools> pictureParameterTools(std::span<const std::uint8_t> annexB);
+
 struct DecodedJPEG {
   int width = 0;
   int height = 0;

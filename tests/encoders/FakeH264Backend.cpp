@@ -16,12 +16,12 @@ class FakeSession final : public H264EncoderSession {
   std::string name() const override { return backend_.hardware ? "fake_hw" : "fake_sw"; }
   bool isHardwareAccelerated() const override { return backend_.hardware; }
 
-  H264EncodeStatus encode(const QRVPixelBuffer& picture,
+  H264EncodeStatus encode(const std::shared_ptr<const QRVPixelBuffer>& picture,
                           const QRVSampleTiming& timing,
                           bool forceKeyFrame,
                           std::uint64_t frameId,
                           bool& dropped) override {
-    record_->submissions.push_back({picture.width(), forceKeyFrame, timing.presentationTimeStamp});
+    record_->submissions.push_back({picture->width(), forceKeyFrame, timing.presentationTimeStamp});
     H264EncodeStatus status = H264EncodeStatus::ok;
     if (!backend_.statuses.empty()) {
       status = backend_.statuses.front();

@@ -18,7 +18,7 @@ class FakeSession final : public H264EncoderSession {
       : name_(std::move(name)), hardware_(hardware), behaviour_(behaviour), output_(output) {}
   std::string name() const override { return name_; }
   bool isHardwareAccelerated() const override { return hardware_; }
-  H264EncodeStatus encode(const QRVPixelBuffer&,
+  H264EncodeStatus encode(const std::shared_ptr<const QRVPixelBuffer>&,
                           const QRVSampleTiming&,
                           bool,
                           std::uint64_t frameId,

@@ -60,17 +60,28 @@ constexpr std::array<EncoderInfo, LibavH264Factory::kCandidateCount> kCandidates
     {"libx264", Kind::x264, false, AV_PIX_FMT_YUV420P},
 }};
 
-// libx264's presets that write the High profile asked for, fastest first. "ultrafast" is left out:
-// it turns off CABAC and the 8x8 transform and writes Constrained Baseline whatever the profile.
-// Quality up to 0.5 takes the fastest, "superfast": on a recorded 1080p desktop at 512 kbit/s it
-// costs 6.6 ms of CPU a frame for 25.6 dB, against 8.2 ms and 26.0 dB for "veryfast" and 13-15 ms
-// and 26.7 dB for "faster" to "medium" (bench/x264_preset_bench); above 0.5, slower ones.
-constexpr const char* kX264Presets[] = {"superfast", "veryfast", "faster", "fast",
-                                        "medium",    "slow",     "slower"};
+// Quality up to 0.5 takes "ultrafast" with the 8x8 transform and the deblocking filter turned back
+// on: the transform makes the stream High profile, and CAVLC stays, since a browser decodes a
+// text-heavy key frame about three times faster than with CABAC. On a recorded 1080p desktop at
+// 512 kbit/s it costs 3.8 ms of CPU a frame for 26.9 dB, against 6.4 ms and 26.3 dB for
+// "superfast" (the fastest preset that writes High), 4.2 ms and 28.0 dB in 7% fewer bytes with
+// CABAC added, and 3.5 ms and 26.8 dB for plain "ultrafast", which writes Constrained Baseline
+// (bench/x264_preset_bench; the filter adds 0.2 to 0.7 dB depending on the recording). Above 0.5,
+// slower presets.
+struct X264Setting {
+  const char* preset;
+  const char* params;  // x264-params
+};
+constexpr X264Setting kX264Fast = {"ultrafast", "8x8dct=1:deblock=0,0"};
+constexpr const char* kX264SlowerPresets[] = {"superfast", "veryfast", "faster", "fast",
+                                              "medium",    "slow",     "slower"};
 
-const char* x264Preset(double quality) {
-  const double above = std::max(0.0, quality - 0.5) * 2;
-  return kX264Presets[std::lround(above * double(std::size(kX264Presets) - 1))];
+X264Setting x264Setting(double quality) {
+  if (quality <= 0.5)
+    return kX264Fast;
+  constexpr auto count = std::size(kX264SlowerPresets);
+  const auto index = std::min(count - 1, std::size_t((quality - 0.5) * 2 * double(count)));
+  return {kX264SlowerPresets[index], ""};
 }
 
 std::string errorText(int code) {
@@ -124,8 +135,12 @@ int applyProperty(AVCodecContext* ctx,
       if (!q || !(*q >= 0 && *q <= 1))
         return invalid;
       switch (c.kind) {
-        case Kind::x264:
-          return setPrivate(ctx, "preset", x264Preset(*q));
+        case Kind::x264: {
+          const X264Setting setting = x264Setting(*q);
+          if (const int rc = setPrivate(ctx, "preset", setting.preset); rc < 0)
+            return rc;
+          return setPrivate(ctx, "x264-params", setting.params);
+        }
         case Kind::nvenc:
           return setPrivate(ctx, "preset", "p" + std::to_string(1 + std::lround(*q * 6)));
         case Kind::qsv:
@@ -335,57 +350,98 @@ class LibavH264Session final : public H264EncoderSession {
         nominalWidth_(nominalWidth),
         nominalHeight_(nominalHeight),
         output_(std::move(output)),
-        frame_(av_frame_alloc()),
+        ownFrame_(av_frame_alloc()),
+        borrowed_(av_frame_alloc()),
+        uploaded_(av_frame_alloc()),
         packet_(av_packet_alloc()) {}
 
   std::string name() const override { return candidate_.name; }
   bool isHardwareAccelerated() const override { return candidate_.hardware; }
 
-  // Makes the encoder's picture from an I420 one; false when it cannot.
-  bool fill(const QRVPixelBuffer& picture) {
-    AVCodecContext* ctx = context_.get();
-    if (!frame_->buf[0]) {
-      frame_->format = candidate_.inputFormat;
-      frame_->width = ctx->width;
-      frame_->height = ctx->height;
-      if (av_frame_get_buffer(frame_.get(), 32) < 0)
-        return false;
+  // The encoder's picture made from an I420 one; nullptr when it cannot be made. A picture at the
+  // session's size is cropped to the encoder's even size, any other is scaled.
+  AVFrame* fill(const std::shared_ptr<const QRVPixelBuffer>& picture) {
+    const int w = context_->width;
+    const int h = context_->height;
+    const bool scale = picture->width() != nominalWidth_ || picture->height() != nominalHeight_ ||
+                       picture->width() < w || picture->height() < h;
+    if (!scale && candidate_.inputFormat == AV_PIX_FMT_YUV420P)
+      return borrow(picture) ? borrowed_.get() : nullptr;
+    if (!ownFrame_->buf[0]) {
+      ownFrame_->format = candidate_.inputFormat;
+      ownFrame_->width = w;
+      ownFrame_->height = h;
+      if (av_frame_get_buffer(ownFrame_.get(), 32) < 0)
+        return nullptr;
     }
-    if (av_frame_make_writable(frame_.get()) < 0)
-      return false;
-    const int w = ctx->width;
-    const int h = ctx->height;
-    const std::uint8_t* y = picture.dataY();
-    const std::uint8_t* u = picture.dataU();
-    const std::uint8_t* v = picture.dataV();
-    int strideY = picture.strideY();
-    int strideUV = picture.strideUV();
-    // A picture at the session's size is cropped to the encoder's even size; any other is scaled.
-    if (picture.width() != nominalWidth_ || picture.height() != nominalHeight_ ||
-        picture.width() < w || picture.height() < h) {
+    if (av_frame_make_writable(ownFrame_.get()) < 0)
+      return nullptr;
+    AVFrame* f = ownFrame_.get();
+    const std::uint8_t* y = picture->dataY();
+    const std::uint8_t* u = picture->dataU();
+    const std::uint8_t* v = picture->dataV();
+    int strideY = picture->strideY();
+    int strideUV = picture->strideUV();
+    const auto scaleInto = [&](std::uint8_t* sy, int sStrideY, std::uint8_t* su, std::uint8_t* sv,
+                               int sStrideUV) {
+      return libyuv::I420Scale(y, strideY, u, strideUV, v, strideUV, picture->width(),
+                               picture->height(), sy, sStrideY, su, sStrideUV, sv, sStrideUV, w, h,
+                               libyuv::kFilterBox) == 0;
+    };
+    if (candidate_.inputFormat == AV_PIX_FMT_YUV420P)
+      return scaleInto(f->data[0], f->linesize[0], f->data[1], f->data[2], f->linesize[1])
+                 ? f
+                 : nullptr;
+    if (scale) {
       scaled_.resize(QRVPixelBuffer::byteCount(w, h));
       std::uint8_t* sy = scaled_.data();
       std::uint8_t* su = sy + std::size_t(w) * h;
       std::uint8_t* sv = su + std::size_t(w / 2) * (h / 2);
-      if (libyuv::I420Scale(y, strideY, u, strideUV, v, strideUV, picture.width(), picture.height(),
-                            sy, w, su, w / 2, sv, w / 2, w, h, libyuv::kFilterBox) != 0)
-        return false;
+      if (!scaleInto(sy, w, su, sv, w / 2))
+        return nullptr;
       y = sy;
       u = su;
       v = sv;
       strideY = w;
       strideUV = w / 2;
     }
-    if (candidate_.inputFormat == AV_PIX_FMT_NV12)
-      return libyuv::I420ToNV12(y, strideY, u, strideUV, v, strideUV, frame_->data[0],
-                                frame_->linesize[0], frame_->data[1], frame_->linesize[1], w,
-                                h) == 0;
-    return libyuv::I420Copy(y, strideY, u, strideUV, v, strideUV, frame_->data[0],
-                            frame_->linesize[0], frame_->data[1], frame_->linesize[1],
-                            frame_->data[2], frame_->linesize[2], w, h) == 0;
+    return libyuv::I420ToNV12(y, strideY, u, strideUV, v, strideUV, f->data[0], f->linesize[0],
+                              f->data[1], f->linesize[1], w, h) == 0
+               ? f
+               : nullptr;
   }
 
-  H264EncodeStatus encode(const QRVPixelBuffer& picture,
+  // Points borrowed_ at the picture's planes instead of copying them: the encoder copies the
+  // picture into its own anyway. The buffer reference keeps the picture alive for as long as
+  // libavcodec holds the frame.
+  bool borrow(const std::shared_ptr<const QRVPixelBuffer>& picture) {
+    using Owner = std::shared_ptr<const QRVPixelBuffer>;
+    auto owner = std::make_unique<Owner>(picture);
+    // libavcodec takes non-const planes; the buffer is marked read-only, so nothing writes them.
+    const auto writable = [](const std::uint8_t* p) { return const_cast<std::uint8_t*>(p); };
+    AVBufferRef* buffer = av_buffer_create(
+        writable(picture->bytes().data()), picture->bytes().size(),
+        [](void* opaque, std::uint8_t*) { std::unique_ptr<Owner>(static_cast<Owner*>(opaque)); },
+        owner.get(), AV_BUFFER_FLAG_READONLY);
+    if (!buffer)
+      return false;
+    owner.release();
+    AVFrame* f = borrowed_.get();
+    av_frame_unref(f);
+    f->buf[0] = buffer;
+    f->format = AV_PIX_FMT_YUV420P;
+    f->width = context_->width;
+    f->height = context_->height;
+    f->data[0] = writable(picture->dataY());
+    f->data[1] = writable(picture->dataU());
+    f->data[2] = writable(picture->dataV());
+    f->linesize[0] = picture->strideY();
+    f->linesize[1] = picture->strideUV();
+    f->linesize[2] = picture->strideUV();
+    return true;
+  }
+
+  H264EncodeStatus encode(const std::shared_ptr<const QRVPixelBuffer>& picture,
                           const QRVSampleTiming& timing,
                           bool forceKeyFrame,
                           std::uint64_t frameId,
@@ -393,7 +449,8 @@ class LibavH264Session final : public H264EncoderSession {
     dropped = false;
     if (ended_)
       return H264EncodeStatus::invalidSession;
-    if (!fill(picture))
+    AVFrame* frame = picture && ownFrame_ && borrowed_ && uploaded_ ? fill(picture) : nullptr;
+    if (!frame)
       return H264EncodeStatus::failed;
     const std::optional<double> seconds =
         timing.presentationTimeStamp.isValid() && timing.presentationTimeStamp.timescale > 0
@@ -403,26 +460,29 @@ class LibavH264Session final : public H264EncoderSession {
     if (seconds && lastKeySeconds_ && settings_.maxKeyIntervalSeconds > 0 &&
         *seconds - *lastKeySeconds_ >= settings_.maxKeyIntervalSeconds)
       forceKeyFrame = true;
-    frame_->pts = nextPts_++;
-    frame_->pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-    frameIds_[frame_->pts] = {frameId, seconds};
+    frame->pts = nextPts_++;
+    frame->pict_type = forceKeyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    frameIds_[frame->pts] = {frameId, seconds};
     int rc;
     if (hardwareFrames_) {
-      FramePtr uploaded(av_frame_alloc());
-      rc = uploaded ? av_hwframe_get_buffer(hardwareFrames_.get(), uploaded.get(), 0)
-                    : AVERROR(ENOMEM);
+      av_frame_unref(uploaded_.get());
+      rc = av_hwframe_get_buffer(hardwareFrames_.get(), uploaded_.get(), 0);
       if (rc >= 0)
-        rc = av_hwframe_transfer_data(uploaded.get(), frame_.get(), 0);
+        rc = av_hwframe_transfer_data(uploaded_.get(), frame, 0);
       if (rc >= 0) {
-        uploaded->pts = frame_->pts;
-        uploaded->pict_type = frame_->pict_type;
-        rc = avcodec_send_frame(context_.get(), uploaded.get());
+        uploaded_->pts = frame->pts;
+        uploaded_->pict_type = frame->pict_type;
+        rc = avcodec_send_frame(context_.get(), uploaded_.get());
       }
+      // The encoder holds its own reference; the surface goes back to the pool when it is done.
+      av_frame_unref(uploaded_.get());
     } else {
-      rc = avcodec_send_frame(context_.get(), frame_.get());
+      rc = avcodec_send_frame(context_.get(), frame);
     }
+    // Likewise: a borrowed picture is not kept alive past the encoder's use of it.
+    av_frame_unref(borrowed_.get());
     if (rc < 0) {
-      frameIds_.erase(frame_->pts);
+      frameIds_.erase(nextPts_ - 1);
       QRV_LOGGER_FOR(kLogCategory)
           ->error("{}: sending a picture failed: {}", name(), errorText(rc));
       return H264EncodeStatus::invalidSession;
@@ -484,9 +544,14 @@ class LibavH264Session final : public H264EncoderSession {
   const int nominalWidth_;
   const int nominalHeight_;
   const OutputHandler output_;
-  FramePtr frame_;
+  // Scaled or NV12 pictures, made here; the buffer is reused from picture to picture.
+  FramePtr ownFrame_;
+  // Pictures the encoder takes as they are: a reference to the caller's planes, no copy.
+  FramePtr borrowed_;
+  // The hardware surface an NV12 picture is uploaded to.
+  FramePtr uploaded_;
   PacketPtr packet_;
-  std::vector<std::uint8_t> scaled_;
+  std::vector<std::uint8_t> scaled_;  // a scaled I420 picture on its way to NV12
   std::int64_t nextPts_ = 0;
   std::map<std::int64_t, Submitted> frameIds_;
   std::optional<double> lastKeySeconds_;

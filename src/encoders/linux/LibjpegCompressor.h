@@ -2,8 +2,8 @@
 // library (2.1) reads TJ_OPTIMIZE, TJ_ARITHMETIC, TJ_RESTART and TJ_PROGRESSIVE from the
 // environment on every call and lets nothing override them, so a host's environment could turn
 // the stream progressive or arithmetic-coded; here every parameter is set explicitly and nothing
-// is read from the environment. The settings are those TurboJPEG uses for quality 60 and 4:2:0, so
-// the bytes equal its output in a clean environment.
+// is read from the environment. The settings are those TurboJPEG uses for quality 60, 4:2:0 and
+// its accurate transform, so the bytes equal its output in a clean environment.
 //
 // One compressor object and one output buffer are reused across pictures. The buffer is grown to
 // the worst case for a picture's size before compressing it, so no picture reallocates midway; the
