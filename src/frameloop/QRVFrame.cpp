@@ -26,9 +26,11 @@ std::shared_ptr<const QRVPixelBuffer> toPixelBuffer(const QRVImage& image) {
   SignpostInterval signpost("newCVImageBufferFromCGImage");
   const int w = image.width();
   const int h = image.height();
-  std::vector<std::uint8_t> planes(QRVPixelBuffer::byteCount(w, h));
+  auto planes = QRVPixelBuffer::allocate(w, h);
+  if (!planes)
+    return nullptr;
   const int strideUV = (w + 1) / 2;
-  std::uint8_t* y = planes.data();
+  std::uint8_t* y = planes.get();
   std::uint8_t* u = y + std::size_t(w) * h;
   std::uint8_t* v = u + std::size_t(strideUV) * ((h + 1) / 2);
   if (libyuv::ARGBToI420(image.bytes().data(), image.stride(), y, w, u, strideUV, v, strideUV, w,
@@ -90,8 +92,27 @@ std::shared_ptr<const QRVPixelBuffer> QRVPixelBuffer::create(int width,
   const std::size_t expected = byteCount(width, height);
   if (expected == 0 || planes.size() != expected)
     return nullptr;
+  auto owned = std::make_shared<const std::vector<std::uint8_t>>(std::move(planes));
+  const std::span<const std::uint8_t> bytes(*owned);
   return std::shared_ptr<const QRVPixelBuffer>(
-      new QRVPixelBuffer(width, height, std::move(planes)));
+      new QRVPixelBuffer(width, height, bytes, std::move(owned)));
+}
+
+std::shared_ptr<std::uint8_t[]> QRVPixelBuffer::allocate(int width, int height) {
+  const std::size_t size = byteCount(width, height);
+  if (size == 0)
+    return nullptr;
+  return std::make_shared_for_overwrite<std::uint8_t[]>(size);
+}
+
+std::shared_ptr<const QRVPixelBuffer>
+QRVPixelBuffer::create(int width, int height, std::shared_ptr<std::uint8_t[]> planes) {
+  const std::size_t size = byteCount(width, height);
+  if (size == 0 || !planes)
+    return nullptr;
+  const std::span<const std::uint8_t> bytes(planes.get(), size);
+  return std::shared_ptr<const QRVPixelBuffer>(
+      new QRVPixelBuffer(width, height, bytes, std::move(planes)));
 }
 
 QRVFrame::QRVFrame(std::shared_ptr<const QRVImage> image)

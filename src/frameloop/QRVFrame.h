@@ -60,6 +60,13 @@ class QRVPixelBuffer {
   static std::shared_ptr<const QRVPixelBuffer> create(int width,
                                                       int height,
                                                       std::vector<std::uint8_t> planes);
+  // Room for the planes of a picture of this size, uninitialised, to fill and then hand to
+  // create(); nullptr for an impossible size.
+  static std::shared_ptr<std::uint8_t[]> allocate(int width, int height);
+  // Takes ownership of planes made by allocate() for the same size.
+  static std::shared_ptr<const QRVPixelBuffer> create(int width,
+                                                      int height,
+                                                      std::shared_ptr<std::uint8_t[]> planes);
   // The number of bytes create() expects, or 0 for an impossible size.
   static std::size_t byteCount(int width, int height);
 
@@ -74,12 +81,16 @@ class QRVPixelBuffer {
   std::span<const std::uint8_t> bytes() const { return bytes_; }
 
  private:
-  QRVPixelBuffer(int width, int height, std::vector<std::uint8_t> bytes)
-      : width_(width), height_(height), bytes_(std::move(bytes)) {}
+  QRVPixelBuffer(int width,
+                 int height,
+                 std::span<const std::uint8_t> bytes,
+                 std::shared_ptr<const void> owner)
+      : width_(width), height_(height), bytes_(bytes), owner_(std::move(owner)) {}
 
   const int width_;
   const int height_;
-  const std::vector<std::uint8_t> bytes_;
+  const std::span<const std::uint8_t> bytes_;
+  const std::shared_ptr<const void> owner_;
 };
 
 // A point or span of media time: value / timescale seconds.
