@@ -223,6 +223,42 @@ TEST_F(DisplayCaptureTest, UnchangedScreenGivesTheSameImageAndDrawingANewOne) {
   client_->destroy(window);
 }
 
+// At half size a change is read and scaled in its parts into a picture made earlier; what comes
+// out must be what a whole read gives.
+TEST_F(DisplayCaptureTest, HalfSizeChangesReadInPartsEqualAWholeRead) {
+  const xcb_window_t window = client_->createWindow(201, 151, 256, 128, testPattern);
+  client_->movePointer(330, 200);
+  source_->capturingWillStart();
+  std::shared_ptr<QRVFrame> frame = nextUntil([](const QRVFrame&) { return true; }, 0.5);
+  ASSERT_NE(frame, nullptr);
+  // Odd places and sizes, under the cursor, over the window's edge; a few frames held meanwhile.
+  const int fills[][4] = {{3, 5, 7, 3}, {125, 45, 9, 9}, {250, 0, 6, 128}, {0, 120, 256, 8}};
+  std::vector<std::shared_ptr<QRVFrame>> held{frame};
+  for (const auto& f : fills) {
+    client_->fill(window, 0x203040u + std::uint32_t(f[0]) * 0x10101, f[0], f[1], f[2], f[3]);
+    // Nothing else changes on this screen: a new picture is the fill's.
+    frame = nextUntil([&](const QRVFrame& fr) { return fr.image() != held.back()->image(); }, 0.5);
+    ASSERT_NE(frame, nullptr) << "fill at " << f[0] << "," << f[1];
+    held.push_back(frame);
+  }
+  EXPECT_TRUE(logs_.contains(LogLevel::debug, "got capture output"));
+  // A second source reads the same screen whole.
+  auto wholeQueue = std::make_shared<ManualExecutor>();
+  QRVX11DisplayFrameSource whole(wholeQueue, testDisplayName());
+  whole.capturingWillStart();
+  wholeQueue->advance(QRVX11DisplayFrameSource::kMinCaptureInterval);
+  auto reference = whole.newFrame(0.5);
+  ASSERT_NE(reference, nullptr);
+  frame = next(0.5);
+  ASSERT_NE(frame, nullptr);
+  int wrong = 0;
+  for (int y = 0; y < 540; ++y)
+    for (int x = 0; x < 960; ++x)
+      wrong += pixelAt(*frame, x, y) != pixelAt(*reference, x, y);
+  EXPECT_EQ(wrong, 0);
+  client_->destroy(window);
+}
+
 TEST_F(DisplayCaptureTest, WindowClosedMidCaptureLeavesWhatWasBelow) {
   const xcb_window_t window =
       client_->createWindow(300, 300, 50, 50, [](int, int) { return 0xc03030; });
