@@ -324,9 +324,13 @@ int main(int argc, char** argv) {
   const std::string peers = argv[1];
   const int frames = argc > 2 ? std::atoi(argv[2]) : 100;
 
-  // CAPTURE_BENCH_ONLY=SCALE runs the display source alone, for a profiler.
+  // CAPTURE_BENCH_ONLY=[window]SCALE runs one source alone, for a profiler.
   if (const char* only = std::getenv("CAPTURE_BENCH_ONLY")) {
-    const Row row = displaySource(display, std::atof(only), frames);
+    const std::string which = only;
+    const bool window = which.starts_with("window");
+    const double scale = std::atof(which.c_str() + (window ? 6 : 0));
+    const Row row =
+        window ? windowSource(display, scale, frames) : displaySource(display, scale, frames);
     std::printf("%s: %.3f ms client per frame\n", row.name.c_str(), row.clientMs / row.frames);
     return 0;
   }

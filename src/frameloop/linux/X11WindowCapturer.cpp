@@ -34,6 +34,16 @@ namespace {
 constexpr std::string_view kCategory = "QRVX11WindowFrameSource";
 // Behind the host's windows when the desktop shows neither a desktop window nor a root pixmap.
 constexpr std::uint8_t kBackgroundBgrx[4] = {0x30, 0x30, 0x30, 0xff};
+
+// Fills `size` bytes (a multiple of 4) with the background colour, doubling what is filled with
+// each copy: memcpy's pace instead of a store per pixel.
+void fillPattern(std::uint8_t* data, std::size_t size) {
+  if (size < 4)
+    return;
+  std::memcpy(data, kBackgroundBgrx, 4);
+  for (std::size_t filled = 4; filled < size; filled *= 2)
+    std::memcpy(data + filled, data, std::min(filled, size - filled));
+}
 // How deep below a top-level window (a window manager's frame) the client window is looked for.
 constexpr int kClientSearchDepth = 2;
 
@@ -161,15 +171,17 @@ class X11WindowCapturer final : public WindowCapturer {
       }
     }
 
-    std::vector<std::uint8_t> out(std::size_t(width) * height * 4);
+    auto out = QRVImage::allocate(width, height);
+    if (!out)
+      return nullptr;
     if (width == area.width && height == area.height)
-      std::memcpy(out.data(), context_.data(), out.size());
-    else if (libyuv::ARGBScale(context_.data(), area.width * 4, area.width, area.height, out.data(),
+      std::memcpy(out.get(), context_.data(), std::size_t(width) * height * 4);
+    else if (libyuv::ARGBScale(context_.data(), area.width * 4, area.width, area.height, out.get(),
                                width * 4, width, height, libyuv::kFilterBilinear) != 0)
       return nullptr;
     if (pointer)
-      drawCursor(out.data(), width, height, area, *cursor(), *pointer);
-    lastImage_ = QRVImage::create(width, height, std::move(out));
+      drawCursor(out.get(), width, height, area, *cursor(), *pointer);
+    lastImage_ = QRVImage::wrap(width, height, out.get(), out);
     lastArea_ = area;
     return lastImage_;
   }
@@ -566,8 +578,7 @@ class X11WindowCapturer final : public WindowCapturer {
       if (drawDrawable(*pixmap, rootRect, area, false))
         return;
     }
-    for (std::size_t i = 0; i < context_.size(); i += 4)
-      std::memcpy(&context_[i], kBackgroundBgrx, 4);
+    fillPattern(context_.data(), context_.size());
   }
 
   bool drawWindow(const TopLevel& t, const QRVScreenRect& area, bool log) {
