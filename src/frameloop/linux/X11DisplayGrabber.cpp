@@ -129,19 +129,16 @@ class X11DisplayGrabber final : public DisplayGrabber {
     if (x11::ShmSegment* segment = !useShm_      ? nullptr
                                    : out.empty() ? spare_.get()
                                                  : segments_[lastSlot_].get()) {
-      auto reply = x11::replyOf(
-          *c_, xcb_shm_get_image_reply,
-          xcb_shm_get_image(c_->get(), c_->root(), std::int16_t(rect.x), std::int16_t(rect.y),
-                            std::uint16_t(rect.width), std::uint16_t(rect.height), ~0u,
-                            XCB_IMAGE_FORMAT_Z_PIXMAP, segment->id(), 0),
-          "MIT-SHM screen read");
-      if (!reply || reply->size < size || !isBgrx(reply->depth))
+      if (!readShm(rect, *segment, "MIT-SHM screen read"))
         return {};
       if (out.empty())
         out = copyOf(segment->data(), size);
       return held(out, rect);
     }
-    return readPlain(rect, size);
+    auto reply = readPlain(rect, "screen read");
+    if (!reply)
+      return {};
+    return held(copyOf(xcb_get_image_data(reply.get()), size), rect);
   }
 
   std::optional<std::vector<QRVScreenRect>> lastDamage() const override { return lastDamage_; }
@@ -155,26 +152,14 @@ class X11DisplayGrabber final : public DisplayGrabber {
       if (!spare_ && segmentSize_ >= size)
         spare_ = x11::ShmSegment::create(*c_, segmentSize_);
       if (spare_ && spare_->size() >= size) {
-        auto reply = x11::replyOf(
-            *c_, xcb_shm_get_image_reply,
-            xcb_shm_get_image(c_->get(), c_->root(), std::int16_t(part.x), std::int16_t(part.y),
-                              std::uint16_t(part.width), std::uint16_t(part.height), ~0u,
-                              XCB_IMAGE_FORMAT_Z_PIXMAP, spare_->id(), 0),
-            "MIT-SHM screen part read");
-        if (!reply || reply->size < size || !isBgrx(reply->depth))
+        if (!readShm(part, *spare_, "MIT-SHM screen part read"))
           return {};
         data = spare_->mutableData();
       }
     }
     if (!data) {
-      auto reply =
-          x11::replyOf(*c_, xcb_get_image_reply,
-                       xcb_get_image(c_->get(), XCB_IMAGE_FORMAT_Z_PIXMAP, c_->root(),
-                                     std::int16_t(part.x), std::int16_t(part.y),
-                                     std::uint16_t(part.width), std::uint16_t(part.height), ~0u),
-                       "screen part read");
-      if (!reply || std::size_t(xcb_get_image_data_length(reply.get())) < size ||
-          !isBgrx(reply->depth))
+      auto reply = readPlain(part, "screen part read");
+      if (!reply)
         return {};
       scratch_.assign(xcb_get_image_data(reply.get()), xcb_get_image_data(reply.get()) + size);
       data = scratch_.data();
@@ -281,17 +266,33 @@ class X11DisplayGrabber final : public DisplayGrabber {
     }
   }
 
-  GrabbedPixels readPlain(const QRVScreenRect& rect, std::size_t size) {
+  // A read of the root's rectangle into a segment, packed rows from its start.
+  bool readShm(const QRVScreenRect& rect, const x11::ShmSegment& into, std::string_view what) {
+    auto reply = x11::replyOf(
+        *c_, xcb_shm_get_image_reply,
+        xcb_shm_get_image(c_->get(), c_->root(), std::int16_t(rect.x), std::int16_t(rect.y),
+                          std::uint16_t(rect.width), std::uint16_t(rect.height), ~0u,
+                          XCB_IMAGE_FORMAT_Z_PIXMAP, into.id(), 0),
+        what);
+    return reply && reply->size >= std::size_t(rect.width) * rect.height * 4 &&
+           isBgrx(reply->depth);
+  }
+
+  // A read of the root's rectangle through the socket; nullptr unless it holds the whole
+  // rectangle in a depth this reads.
+  x11::XcbPtr<xcb_get_image_reply_t> readPlain(const QRVScreenRect& rect, std::string_view what) {
     auto reply =
         x11::replyOf(*c_, xcb_get_image_reply,
                      xcb_get_image(c_->get(), XCB_IMAGE_FORMAT_Z_PIXMAP, c_->root(),
                                    std::int16_t(rect.x), std::int16_t(rect.y),
                                    std::uint16_t(rect.width), std::uint16_t(rect.height), ~0u),
-                     "screen read");
-    if (!reply || std::size_t(xcb_get_image_data_length(reply.get())) < size ||
+                     what);
+    if (!reply ||
+        std::size_t(xcb_get_image_data_length(reply.get())) <
+            std::size_t(rect.width) * rect.height * 4 ||
         !isBgrx(reply->depth))
-      return {};
-    return held(copyOf(xcb_get_image_data(reply.get()), size), rect);
+      return nullptr;
+    return reply;
   }
 
   static GrabbedPixels copyOf(const std::uint8_t* data, std::size_t size) {
@@ -366,15 +367,10 @@ class X11DisplayGrabber final : public DisplayGrabber {
       return false;
     const ConstPixelView reference{held_.data, held_.rect};
     for (const auto& d : damaged) {
-      auto reply = x11::replyOf(
-          *c_, xcb_get_image_reply,
-          xcb_get_image(c_->get(), XCB_IMAGE_FORMAT_Z_PIXMAP, c_->root(), std::int16_t(d.x),
-                        std::int16_t(d.y), std::uint16_t(d.width), std::uint16_t(d.height), ~0u),
-          "damaged area read");
-      const std::size_t size = std::size_t(d.width) * d.height * 4;
-      if (!reply || std::size_t(xcb_get_image_data_length(reply.get())) != size ||
-          !isBgrx(reply->depth))
+      auto reply = readPlain(d, "damaged area read");
+      if (!reply)
         return false;
+      const std::size_t size = std::size_t(d.width) * d.height * 4;
       scratch_.assign(xcb_get_image_data(reply.get()), xcb_get_image_data(reply.get()) + size);
       if (overlays_->active())
         overlays_->repair({scratch_.data(), d}, reference);
