@@ -331,7 +331,9 @@ int main(int argc, char** argv) {
     const double scale = std::atof(which.c_str() + (window ? 6 : 0));
     const Row row =
         window ? windowSource(display, scale, frames) : displaySource(display, scale, frames);
-    std::printf("%s: %.3f ms client per frame\n", row.name.c_str(), row.clientMs / row.frames);
+    std::printf("%s: %d requests, %d new, %.3f ms client + %.3f ms X server per request\n",
+                row.name.c_str(), row.frames, row.newFrames, row.clientMs / row.frames,
+                row.serverMs / row.frames);
     return 0;
   }
 
