@@ -8,6 +8,7 @@
 #include <libyuv/convert_from_argb.h>
 #include <libyuv/scale_argb.h>
 
+#include "frameloop/RecycledBuffers.h"
 #include "utils/Signpost.h"
 
 namespace quorvix {
@@ -75,8 +76,7 @@ std::shared_ptr<const QRVImage> QRVImage::wrap(int width,
 std::shared_ptr<std::uint8_t[]> QRVImage::allocate(int width, int height) {
   if (!isPossibleSize(width, height))
     return nullptr;
-  return std::make_shared_for_overwrite<std::uint8_t[]>(std::size_t(width) * height *
-                                                        kBytesPerPixel);
+  return recycledBuffer(std::size_t(width) * height * kBytesPerPixel);
 }
 
 std::size_t QRVPixelBuffer::byteCount(int width, int height) {
@@ -102,7 +102,7 @@ std::shared_ptr<std::uint8_t[]> QRVPixelBuffer::allocate(int width, int height) 
   const std::size_t size = byteCount(width, height);
   if (size == 0)
     return nullptr;
-  return std::make_shared_for_overwrite<std::uint8_t[]>(size);
+  return recycledBuffer(size);
 }
 
 std::shared_ptr<const QRVPixelBuffer>
