@@ -43,10 +43,6 @@ class BufferLeases {
     state_->held.push_back(true);
     return state_->held.size() - 1;
   }
-  std::size_t size() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->held.size();
-  }
   // Forgets every buffer; those still held are never counted again.
   void clear() { state_ = std::make_shared<State>(); }
 

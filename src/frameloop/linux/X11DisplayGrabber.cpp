@@ -123,12 +123,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
     if (rect.isEmpty() || c_->lost())
       return {};
     const std::size_t size = std::size_t(rect.width) * rect.height * 4;
-    GrabbedPixels out;
-    if (useShm_)
-      out = takeSegment(size);
-    if (x11::ShmSegment* segment = !useShm_      ? nullptr
-                                   : out.empty() ? spare_.get()
-                                                 : segments_[lastSlot_].get()) {
+    if (auto [out, segment] = useShm_ ? takeSegment(size) : Target{}; segment) {
       if (!readShm(rect, *segment, "MIT-SHM screen read"))
         return {};
       if (out.empty())
@@ -301,10 +296,16 @@ class X11DisplayGrabber final : public DisplayGrabber {
     return {copy.get(), copy};
   }
 
-  // A segment of `size` bytes that no picture holds, handed out with the read that goes into it
-  // (its index in lastSlot_); empty when every segment is held, and the read then goes into the
-  // spare segment and is copied. Turns MIT-SHM off when the server gives no segment at all.
-  GrabbedPixels takeSegment(std::size_t size) {
+  // Where a read goes: a segment handed out with it, else (pixels empty) the spare segment it is
+  // copied out of, else nowhere and GetImage.
+  struct Target {
+    GrabbedPixels pixels;
+    x11::ShmSegment* segment = nullptr;
+  };
+
+  // A segment of `size` bytes that no picture holds, else the spare one. Turns MIT-SHM off when
+  // the server gives no segment at all.
+  Target takeSegment(std::size_t size) {
     if (size != segmentSize_) {
       held_ = {};
       heldOwner_.reset();
@@ -321,10 +322,9 @@ class X11DisplayGrabber final : public DisplayGrabber {
       }
     }
     if (slot) {
-      lastSlot_ = *slot;
       auto mapping = segments_[*slot]->mapping();
       auto* data = static_cast<std::uint8_t*>(mapping.get());
-      return {data, leases_.lease(*slot, data, std::move(mapping))};
+      return {{data, leases_.lease(*slot, data, std::move(mapping))}, segments_[*slot].get()};
     }
     if (!spare_)
       spare_ = x11::ShmSegment::create(*c_, size);
@@ -333,7 +333,7 @@ class X11DisplayGrabber final : public DisplayGrabber {
       logger()->warn("no shared memory with the X server; reading the screen with GetImage");
     }
     // Without a spare segment either, this one read goes through GetImage.
-    return {};
+    return {{}, spare_.get()};
   }
 
   // The read just made, with the overlays rebuilt out of it; kept to compare later reads with.
@@ -405,7 +405,6 @@ class X11DisplayGrabber final : public DisplayGrabber {
   std::vector<std::unique_ptr<x11::ShmSegment>> segments_;
   BufferLeases leases_;
   std::size_t segmentSize_ = 0;
-  std::size_t lastSlot_ = 0;
   std::unique_ptr<x11::ShmSegment> spare_;
   xcb_damage_damage_t damage_ = XCB_NONE;
   xcb_xfixes_region_t region_ = XCB_NONE;
