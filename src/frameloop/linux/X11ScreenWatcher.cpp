@@ -86,8 +86,12 @@ class X11ScreenWatcher final : public QRVScreenWatcher {
         publish(nullptr);
         return;
       }
-      if (changed)
+      if (changed) {
         publish(x11::readMainScreen(*connection_));
+        // The reads wait for replies, and events arriving meanwhile are queued inside XCB, not
+        // left on the socket, where poll() would never see them: look at the queue again first.
+        continue;
+      }
       pollfd fds[2] = {{xfd, POLLIN, 0}, {wakePipe_[0], POLLIN, 0}};
       if (poll(fds, 2, -1) < 0 && errno != EINTR)
         return;
