@@ -97,8 +97,8 @@ echo "X server load of the scene alone: $(printf %.2f "$idle_ms_per_s") ms CPU/s
 if [ "$mode" = changing ]; then
   printf '%-32s %10s %10s %12s %7s %9s %8s\n' pipeline "cpu ms/fr" "X ms/fr" "bytes/fr" fps "RSS MiB" threads
   rows=()
-  for codec in image/jpeg video/avc; do
-    for scale in 0.5 1.0; do
+  for codec in ${CODECS:-image/jpeg video/avc}; do
+    for scale in ${SCALES:-0.5 1.0}; do
       name="${codec#*/}-$scale"
       session "$codec" "$scale" "$name" --frames "$FRAMES"
       f=$(field "$WORK/$name.json" frames)

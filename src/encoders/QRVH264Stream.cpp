@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "encoders/I420Canvas.h"
 #include "utils/Logging.h"
 #include "utils/Signpost.h"
 
@@ -126,6 +127,7 @@ class QRVH264Stream::Core : public std::enable_shared_from_this<Core> {
   const std::shared_ptr<spdlog::logger> log_;
   std::unique_ptr<H264EncoderSession> session_;
   std::shared_ptr<QRVFrame> lastFrame_;
+  I420Canvas canvas_;
   int equalFrameCount_ = 0;
   int width_ = 0;
   int height_ = 0;
@@ -156,7 +158,7 @@ void QRVH264Stream::Core::encode(const std::shared_ptr<QRVFrame>& frame, const C
     scale = 1.0;
     recreateEncoder();
   }
-  const auto picture = frame->pixelBuffer();
+  const auto picture = canvas_.update(*frame);
   if (!session_ || !picture) {
     callback(std::nullopt);
     return;
@@ -286,6 +288,7 @@ void QRVH264Stream::Core::destroyEncoder() {
 void QRVH264Stream::Core::reset() {
   log_->debug("resetting H264 encoder");
   lastFrame_.reset();
+  canvas_.clear();
   forceKeyframe_ = true;
 }
 
@@ -300,6 +303,7 @@ void QRVH264Stream::Core::setScale(double newScale) {
 void QRVH264Stream::Core::destroy() {
   destroyEncoder();
   lastFrame_.reset();
+  canvas_.clear();
 }
 
 QRVH264Stream::QRVH264Stream(Environment environment) {

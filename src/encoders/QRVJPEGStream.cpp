@@ -3,7 +3,8 @@
 namespace quorvix {
 
 QRVJPEGStream::QRVJPEGStream(std::unique_ptr<JPEGCompressor> compressor)
-    : compressor_(compressor ? std::move(compressor) : makePlatformJPEGCompressor()) {}
+    : compressor_(compressor ? std::move(compressor) : makePlatformJPEGCompressor()),
+      tiles_(*compressor_) {}
 
 QRVJPEGStream::~QRVJPEGStream() {
   destroy();
@@ -18,20 +19,19 @@ void QRVJPEGStream::encode(std::shared_ptr<QRVFrame> frame, Callback callback) {
   }
   // A picture that cannot be encoded still counts as sent: its bytes are simply empty.
   Bytes bytes;
-  if (auto image = frame->image()) {
-    auto encoded = compressor_->compress(*image);
-    bytes.assign(encoded.begin(), encoded.end());
-  }
+  auto encoded = tiles_.encode(frame->image(), frame->changes());
+  bytes.assign(encoded.begin(), encoded.end());
   lastFrame_ = std::move(frame);
   callback(std::move(bytes));
 }
 
 void QRVJPEGStream::reset() {
   lastFrame_.reset();
+  tiles_.clear();
 }
 
 void QRVJPEGStream::destroy() {
-  lastFrame_.reset();
+  reset();
 }
 
 }  // namespace quorvix

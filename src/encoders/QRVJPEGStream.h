@@ -1,5 +1,6 @@
 // The simpler frame encoder: each frame becomes one JPEG picture at quality 60, or nothing when
-// the picture has not changed since the last one encoded. The picture is encoded at its own size.
+// the picture has not changed since the last one encoded. The picture is encoded at its own size,
+// with a restart marker every tile so that only the tiles that changed are compressed again.
 //
 // Threads: called from one thread at a time (the frame loop's); the callback runs exactly once,
 // synchronously, before encode() returns.
@@ -9,6 +10,7 @@
 #include <string_view>
 
 #include "encoders/JPEGCompressor.h"
+#include "encoders/JPEGTileEncoder.h"
 #include "encoders/QRVStreamEncoder.h"
 
 namespace quorvix {
@@ -30,6 +32,7 @@ class QRVJPEGStream final : public QRVStreamEncoder {
 
  private:
   std::unique_ptr<JPEGCompressor> compressor_;
+  JPEGTileEncoder tiles_;
   std::shared_ptr<QRVFrame> lastFrame_;
 };
 

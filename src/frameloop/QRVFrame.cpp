@@ -115,9 +115,18 @@ QRVPixelBuffer::create(int width, int height, std::shared_ptr<std::uint8_t[]> pl
       new QRVPixelBuffer(width, height, bytes, std::move(planes)));
 }
 
-QRVFrame::QRVFrame(std::shared_ptr<const QRVImage> image)
+bool QRVPictureChanges::isBasedOn(const std::weak_ptr<const QRVImage>& image) const {
+  auto same = [](const std::weak_ptr<const QRVImage>& a, const std::weak_ptr<const QRVImage>& b) {
+    return !a.owner_before(b) && !b.owner_before(a);
+  };
+  return !same(base, {}) && same(base, image);
+}
+
+QRVFrame::QRVFrame(std::shared_ptr<const QRVImage> image,
+                   std::shared_ptr<const QRVPictureChanges> changes)
     : width_(image ? image->width() : 0),
       height_(image ? image->height() : 0),
+      changes_(image ? std::move(changes) : nullptr),
       image_(std::move(image)) {}
 
 QRVFrame::QRVFrame(std::shared_ptr<const QRVPixelBuffer> pixelBuffer)

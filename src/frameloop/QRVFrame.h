@@ -114,9 +114,30 @@ struct QRVSampleTiming {
   friend bool operator==(const QRVSampleTiming&, const QRVSampleTiming&) = default;
 };
 
+// A rectangle of a picture's pixels.
+struct QRVPixelRect {
+  int x = 0;
+  int y = 0;
+  int width = 0;
+  int height = 0;
+  friend bool operator==(const QRVPixelRect&, const QRVPixelRect&) = default;
+};
+
+// What a source knows of how a picture came about: outside `rects` it equals `base` pixel for
+// pixel. An encoder still holding what it made of `base` then has only those rectangles to redo.
+struct QRVPictureChanges {
+  std::weak_ptr<const QRVImage> base;
+  std::vector<QRVPixelRect> rects;
+
+  // Whether `image` is the base: the same object, compared by identity, so that a base nobody holds
+  // any more still compares.
+  bool isBasedOn(const std::weak_ptr<const QRVImage>& image) const;
+};
+
 class QRVFrame {
  public:
-  explicit QRVFrame(std::shared_ptr<const QRVImage> image);
+  explicit QRVFrame(std::shared_ptr<const QRVImage> image,
+                    std::shared_ptr<const QRVPictureChanges> changes = nullptr);
   explicit QRVFrame(std::shared_ptr<const QRVPixelBuffer> pixelBuffer);
   QRVFrame(const QRVFrame&) = delete;
   QRVFrame& operator=(const QRVFrame&) = delete;
@@ -125,6 +146,10 @@ class QRVFrame {
   std::shared_ptr<const QRVImage> image() const;
   // The I420 form, converted from the image on the first call; nullptr for an empty frame.
   std::shared_ptr<const QRVPixelBuffer> pixelBuffer() const;
+  // The BGRX form if the frame has it already; never converts.
+  std::shared_ptr<const QRVImage> imageIfMade() const { return currentForms().image; }
+  // How the image differs from an earlier one, when its source could tell; nullptr otherwise.
+  const QRVPictureChanges* changes() const { return changes_.get(); }
 
   // Of the picture the frame was made from; 0 for an empty frame.
   int width() const { return width_; }
@@ -149,6 +174,7 @@ class QRVFrame {
 
   const int width_;
   const int height_;
+  const std::shared_ptr<const QRVPictureChanges> changes_;
   // Guards both forms; a conversion runs under it, so that two threads asking at once share one.
   mutable std::mutex formsMutex_;
   mutable std::shared_ptr<const QRVImage> image_;

@@ -304,6 +304,84 @@ TEST_F(DisplayFrameSourceTest, SmallChangesAtHalfSizeReadOnlyTheirPartsAndMatchA
   EXPECT_EQ(display_->reads, reads + 1);
 }
 
+// Whole reads at full size, parts and whole reads at half size, and a pointer moving alone: a new
+// picture says where it differs from the one before, and it equals that one everywhere else; about
+// once a second one says nothing, so that encoders look at all of it.
+TEST_F(DisplayFrameSourceTest, EachPictureSaysWhereItDiffersFromTheOneBefore) {
+  std::uint32_t seed = 3;
+  auto random = [&seed] { return int((seed = seed * 1103515245 + 12345) >> 16 & 0x7fff); };
+  for (const double scale : {1.0, 0.5, 0.75}) {
+    SCOPED_TRACE(scale);
+    display_->screen = std::make_shared<QRVScreen>("fake", QRVScreenRect{0, 0, 64, 32}, 0.0);
+    display_->pixels.assign(64 * 32 * 4, 0);
+    for (auto& b : display_->pixels)
+      b = std::uint8_t(random());
+    display_->damaged = true;
+    display_->damage.reset();
+    makeSource(true);
+    source_->capturingWillStart();
+    auto previous = next(scale)->image();
+    int described = 0;
+    int undescribed = 0;
+    for (int step = 0; step < 40; ++step) {
+      SCOPED_TRACE(step);
+      std::vector<QRVScreenRect> change;
+      // Now and then a change too large for parts at half size.
+      const int count = step % 3;
+      for (int n = 0; n < count; ++n) {
+        const int x = random() % 64, y = random() % 32;
+        const bool large = step % 8 == 7;
+        change.push_back({x, y, std::min(64 - x, large ? 64 : 1 + random() % 9),
+                          std::min(32 - y, large ? 32 : 1 + random() % 7)});
+      }
+      for (const auto& r : change)
+        for (int y = r.y; y < r.y + r.height; ++y)
+          for (int x = r.x; x < r.x + r.width; ++x)
+            display_->pixels[(std::size_t(y) * 64 + x) * 4] = std::uint8_t(random());
+      display_->damaged = !change.empty();
+      display_->damage = change;
+      if (step % 4 == 1)
+        display_->pointer = {random() % 64, random() % 32, 0, 1};
+      auto frame = next(scale);
+      auto image = frame->image();
+      if (image == previous)
+        continue;
+      const QRVPictureChanges* changes = frame->changes();
+      if (!changes) {
+        ++undescribed;
+        previous = image;
+        continue;
+      }
+      ASSERT_TRUE(changes->isBasedOn(previous));
+      for (int y = 0; y < image->height(); ++y)
+        for (int x = 0; x < image->width(); ++x) {
+          const bool inside = std::ranges::any_of(changes->rects, [&](const QRVPixelRect& r) {
+            return x >= r.x && y >= r.y && x < r.x + r.width && y < r.y + r.height;
+          });
+          const std::size_t at = (std::size_t(y) * image->width() + x) * 4;
+          if (!inside) {
+            ASSERT_TRUE(std::equal(image->bytes().begin() + at, image->bytes().begin() + at + 4,
+                                   previous->bytes().begin() + at))
+                << "at " << x << "," << y;
+          }
+        }
+      ++described;
+      previous = image;
+    }
+    EXPECT_GT(described, 25);
+    EXPECT_GE(undescribed, 3);  // 4 s of pictures
+    EXPECT_LE(undescribed, 5);
+
+    // A change the notifications cannot place says nothing.
+    display_->pixels[0] ^= 0xff;
+    display_->damaged = true;
+    display_->damage.reset();
+    auto frame = next(scale);
+    EXPECT_NE(frame->image(), previous);
+    EXPECT_EQ(frame->changes(), nullptr);
+  }
+}
+
 TEST_F(DisplayFrameSourceTest, WithoutChangeNotificationsEveryCaptureComparesFromTheStart) {
   display_->notifies = false;
   source_->capturingWillStart();

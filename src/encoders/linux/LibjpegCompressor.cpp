@@ -99,20 +99,23 @@ std::size_t LibjpegCompressor::bufferBound(int width, int height) {
 
 // No object with a destructor may live between setjmp and a longjmp back to it: the C library's
 // errors unwind with longjmp.
-std::span<const std::uint8_t> LibjpegCompressor::compress(const QRVImage& image) {
+std::span<const std::uint8_t> LibjpegCompressor::compress(int width,
+                                                          std::span<const std::uint8_t* const> rows,
+                                                          int restartInterval) {
   State& s = *state_;
+  const auto height = std::ptrdiff_t(rows.size());
   // Larger pictures are beyond the format; refusing them here also bounds the buffer.
-  if (!s.created || image.width() > JPEG_MAX_DIMENSION || image.height() > JPEG_MAX_DIMENSION)
+  if (!s.created || width <= 0 || height == 0 || width > JPEG_MAX_DIMENSION ||
+      height > JPEG_MAX_DIMENSION || restartInterval < 0 || restartInterval > 65535)
     return {};
-  const std::size_t bound = bufferBound(image.width(), image.height());
+  const std::size_t bound = bufferBound(width, int(height));
   if (buffer_.size() < bound)
     buffer_.resize(bound);
   s.destination.written = 0;
   // libjpeg reads through non-const row pointers but does not write the source rows.
-  auto* first = const_cast<JSAMPROW>(image.bytes().data());
-  s.rows.resize(std::size_t(image.height()));
-  for (std::size_t y = 0; y < s.rows.size(); ++y)
-    s.rows[y] = first + y * std::size_t(image.stride());
+  s.rows.resize(rows.size());
+  for (std::size_t y = 0; y < rows.size(); ++y)
+    s.rows[y] = const_cast<JSAMPROW>(rows[y]);
   j_compress_ptr cinfo = &s.cinfo;
   if (setjmp(s.errors.jump) != 0) {
     jpeg_abort_compress(cinfo);
@@ -120,14 +123,14 @@ std::span<const std::uint8_t> LibjpegCompressor::compress(const QRVImage& image)
     return {};
   }
   cinfo->dest = &s.destination.base;
-  cinfo->image_width = JDIMENSION(image.width());
-  cinfo->image_height = JDIMENSION(image.height());
+  cinfo->image_width = JDIMENSION(width);
+  cinfo->image_height = JDIMENSION(height);
   cinfo->input_components = QRVImage::kBytesPerPixel;
   cinfo->in_color_space = JCS_EXT_BGRX;
   jpeg_set_defaults(cinfo);
   cinfo->optimize_coding = FALSE;
   cinfo->arith_code = FALSE;
-  cinfo->restart_interval = 0;
+  cinfo->restart_interval = unsigned(restartInterval);
   cinfo->restart_in_rows = 0;
   jpeg_set_quality(cinfo, kQuality, TRUE);
   // The accurate integer transform: with the SIMD code of this library it costs no more than the

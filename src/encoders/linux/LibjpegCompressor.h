@@ -30,7 +30,10 @@ class LibjpegCompressor final : public JPEGCompressor {
   LibjpegCompressor(const LibjpegCompressor&) = delete;
   LibjpegCompressor& operator=(const LibjpegCompressor&) = delete;
 
-  std::span<const std::uint8_t> compress(const QRVImage& image) override;
+  using JPEGCompressor::compress;
+  std::span<const std::uint8_t> compress(int width,
+                                         std::span<const std::uint8_t* const> rows,
+                                         int restartInterval) override;
 
   // The worst-case size of a 4:2:0 JPEG of that size, as TurboJPEG bounds it.
   static std::size_t bufferBound(int width, int height);

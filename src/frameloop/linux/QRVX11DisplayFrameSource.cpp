@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cmath>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -93,6 +94,8 @@ void QRVX11DisplayFrameSource::capturingWillStop() {
   grabber_.reset();
   hasInput_ = false;
   latest_.reset();
+  latestChanges_.reset();
+  unread_.reset();
   lastReadRect_ = {};
   detector_.reset();
 }
@@ -104,7 +107,7 @@ std::shared_ptr<QRVFrame> QRVX11DisplayFrameSource::newFrame(double scale) {
   if (sessionRunning_)
     captureIfDue();
   if (latest_)
-    return std::make_shared<QRVFrame>(latest_);
+    return std::make_shared<QRVFrame>(latest_, latestChanges_);
   logger()->debug("no frames yet");
   return nullptr;
 }
@@ -126,6 +129,8 @@ void QRVX11DisplayFrameSource::createInput(double scale) {
   hasInput_ = true;
   // A picture of the old screen or scale is not handed out for the new input.
   latest_.reset();
+  latestChanges_.reset();
+  unread_.reset();
   detector_.reset();
   logger()->debug("final scale factor {:f}", inputScale_);
 }
@@ -168,6 +173,7 @@ void QRVX11DisplayFrameSource::captureIfDue() {
     connectionLost();
     return;
   }
+  noteDamage(damaged);
   const bool sameArea = rect == lastReadRect_;
   const auto action = detector_.decide(now, damaged, pointer, latest_ != nullptr && sameArea);
   switch (action) {
@@ -206,6 +212,9 @@ void QRVX11DisplayFrameSource::captureIfDue() {
                          latest_->height() != height || !sameAsLatest(scaled.pixels.data);
     if (detector_.compared(differs))
       logger()->debug("the screen changed without a change notification; comparing every capture");
+    // The notifications cannot say whether they account for the difference.
+    if (differs)
+      unread_.reset();
     if (!differs) {
       if (detector_.pointerChanged())
         recomposite(pointer);
@@ -221,6 +230,8 @@ void QRVX11DisplayFrameSource::connectionLost() {
   logger()->error("display connection lost; capture resumes when the display is back");
   grabber_.reset();
   latest_.reset();
+  latestChanges_.reset();
+  unread_.reset();
   lastReadRect_ = {};
   detector_.reset();
   nextReconnect_ = mainQueue_->clock().now() + kReconnectInterval;
@@ -298,7 +309,7 @@ bool QRVX11DisplayFrameSource::refreshParts(const QRVScreenRect& rect,
       latest_->width() * 2 != rect.width || latest_->height() * 2 != rect.height ||
       !partsScaleLikeWhole())
     return false;
-  const auto damage = grabber_->lastDamage();
+  const auto& damage = unread_;
   if (!damage || damage->empty())
     return false;
   std::vector<QRVScreenRect> parts;
@@ -378,13 +389,61 @@ void QRVX11DisplayFrameSource::restorePatch(std::uint8_t* bgrx,
         patch.clean.data() + row * rowBytes, rowBytes);
 }
 
+void QRVX11DisplayFrameSource::noteDamage(bool damaged) {
+  if (!unread_)
+    return;
+  if (const auto damage = grabber_->lastDamage()) {
+    unread_->insert(unread_->end(), damage->begin(), damage->end());
+    if (unread_->size() > kMaxUnreadChanges)
+      unread_.reset();
+  } else if (damaged) {
+    unread_.reset();
+  }
+}
+
+std::shared_ptr<QRVPictureChanges> QRVX11DisplayFrameSource::changesSinceLatest(int width,
+                                                                                int height) const {
+  if (!latest_ || !unread_ || latest_->width() != width || latest_->height() != height ||
+      lastReadRect_.isEmpty())
+    return nullptr;
+  auto changes = std::make_shared<QRVPictureChanges>();
+  changes->base = latest_;
+  const QRVScreenRect& from = lastReadRect_;
+  const double sx = double(width) / from.width;
+  const double sy = double(height) / from.height;
+  // A scaled pixel is filtered from its neighbours too.
+  const int margin = width == from.width && height == from.height ? 0 : 2;
+  for (const QRVScreenRect& r : *unread_) {
+    const int x0 = std::max(0, int(std::floor((r.x - from.x) * sx)) - margin);
+    const int y0 = std::max(0, int(std::floor((r.y - from.y) * sy)) - margin);
+    const int x1 = std::min(width, int(std::ceil((r.x + r.width - from.x) * sx)) + margin);
+    const int y1 = std::min(height, int(std::ceil((r.y + r.height - from.y) * sy)) + margin);
+    if (x1 > x0 && y1 > y0)
+      changes->rects.push_back({x0, y0, x1 - x0, y1 - y0});
+  }
+  if (!patch_.rect.isEmpty())
+    changes->rects.push_back({patch_.rect.x, patch_.rect.y, patch_.rect.width, patch_.rect.height});
+  return changes;
+}
+
 void QRVX11DisplayFrameSource::publish(Picture picture,
                                        int width,
                                        int height,
                                        const QRVPointerState& pointer,
-                                       const std::vector<QRVScreenRect>* changed) {
+                                       const std::vector<QRVScreenRect>* changed,
+                                       bool read) {
   std::uint8_t* const pixels = picture.pixels.data;
   const std::size_t stride = std::size_t(width) * QRVImage::kBytesPerPixel;
+  // Made before patch_ goes: the cursor drawn in the held picture is a change too.
+  auto changes = changesSinceLatest(width, height);
+  // A whole read takes in whatever the notifications missed, where the comparison with the held
+  // picture cannot see it any more. So at least once a second a picture comes without its
+  // changes, and encoders that trust them look at all of it.
+  const SteadyTime now = mainQueue_->clock().now();
+  if (changes && now - lastUndescribed_ >= CaptureChangeDetector::kVerifyInterval)
+    changes.reset();
+  if (!changes)
+    lastUndescribed_ = now;
   patch_ = {};
   if (grabber_) {
     const auto cursor = grabber_->cursor();
@@ -401,6 +460,11 @@ void QRVX11DisplayFrameSource::publish(Picture picture,
     }
   }
   latest_ = QRVImage::wrap(width, height, pixels, std::move(picture.pixels.owner));
+  if (changes && !patch_.rect.isEmpty())
+    changes->rects.push_back({patch_.rect.x, patch_.rect.y, patch_.rect.width, patch_.rect.height});
+  latestChanges_ = std::move(changes);
+  if (read)
+    unread_.emplace();
   ++generation_;
   if (changed) {
     history_.emplace_back(generation_, *changed);
@@ -429,7 +493,7 @@ void QRVX11DisplayFrameSource::recomposite(const QRVPointerState& pointer) {
   std::memcpy(copy.pixels.data, latest_->bytes().data(), latest_->bytes().size());
   restorePatch(copy.pixels.data, width, patch_);
   const std::vector<QRVScreenRect> nothing;
-  publish(std::move(copy), width, height, pointer, &nothing);
+  publish(std::move(copy), width, height, pointer, &nothing, false);
 }
 
 bool QRVX11DisplayFrameSource::sameAsLatest(const std::uint8_t* clean) const {

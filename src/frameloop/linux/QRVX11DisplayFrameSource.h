@@ -100,12 +100,18 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   static void restorePatch(std::uint8_t* bgrx, int width, const CursorPatch& patch);
   // Draws the pointer into a clean read at the output scale, keeping what lies under it, and
   // hands it out as the new picture. `changed` is what changed since the held picture, in root
-  // coordinates; nullptr for a whole read.
+  // coordinates; nullptr for a whole read. `read` is false when the screen was not read again.
   void publish(Picture picture,
                int width,
                int height,
                const QRVPointerState& pointer,
-               const std::vector<QRVScreenRect>* changed);
+               const std::vector<QRVScreenRect>* changed,
+               bool read = true);
+  // Adds what the last change notification says to what changed since latest_ was read.
+  void noteDamage(bool damaged);
+  // Where a new picture of that size differs from latest_: the unread changes at the output scale
+  // and the cursor drawn in both; nullptr when that is not known.
+  std::shared_ptr<QRVPictureChanges> changesSinceLatest(int width, int height) const;
   // The held picture with the pointer moved: a copy with the cursor taken out and drawn again.
   void recomposite(const QRVPointerState& pointer);
   // Whether a clean read at the output scale shows what the held picture shows under its cursor.
@@ -122,6 +128,12 @@ class QRVX11DisplayFrameSource final : public QRVFrameSource, public QRVFrameSou
   bool hasInput_ = false;
   double inputScale_ = 1.0;
   std::shared_ptr<const QRVImage> latest_;
+  std::shared_ptr<const QRVPictureChanges> latestChanges_;
+  // What changed on the screen since latest_ was read, in root coordinates, as the change
+  // notifications tell; nothing once something changed that they cannot place.
+  static constexpr std::size_t kMaxUnreadChanges = 64;
+  std::optional<std::vector<QRVScreenRect>> unread_;
+  SteadyTime lastUndescribed_{};
   CaptureChangeDetector detector_;
   // Reads are drawn on in place and handed on without a copy, so what the cursor covers in
   // latest_ is all that is kept apart: with it the held picture is the last read, which the next
