@@ -44,7 +44,7 @@ session() {
   local profiler=
   if [ -n "${PROFILE_DIR:-}" ]; then
     # Where the host's time goes, for the whole session (perf_event_paranoid 2 is enough).
-    perf record -q -F 499 -g -p "$host" -o "$PROFILE_DIR/$name.perf" 2>/dev/null &
+    perf record -q ${PROFILE_ARGS:--F ${PROFILE_HZ:-499} -g} -p "$host" -o "$PROFILE_DIR/$name.perf" 2>/dev/null &
     profiler=$!
   fi
   node "$ROOT/tools/devserver/bin/bench-agent.js" --api "$api" --code "$code" --license bench \
@@ -110,10 +110,12 @@ if [ "$mode" = changing ]; then
         "$(field "$WORK/$name.json" host_threads)"
     done
   done
-  read -r c x b <<<"$(peer mjpeg "$FRAMES" "${mjpeg[@]}" -f mjpeg)"
-  printf '%-32s %10.2f %10.2f %12.0f\n' "x11grab -> mjpeg -q:v 5" "$c" "$x" "$b"
-  read -r c x b <<<"$(peer x264 "$FRAMES" "${x264[@]}" -f h264)"
-  printf '%-32s %10.2f %10.2f %12.0f\n' "x11grab -> x264 ultrafast 512k" "$c" "$x" "$b"
+  if [ "${PEERS:-1}" = 1 ]; then
+    read -r c x b <<<"$(peer mjpeg "$FRAMES" "${mjpeg[@]}" -f mjpeg)"
+    printf '%-32s %10.2f %10.2f %12.0f\n' "x11grab -> mjpeg -q:v 5" "$c" "$x" "$b"
+    read -r c x b <<<"$(peer x264 "$FRAMES" "${x264[@]}" -f h264)"
+    printf '%-32s %10.2f %10.2f %12.0f\n' "x11grab -> x264 ultrafast 512k" "$c" "$x" "$b"
+  fi
 else
   echo "-- CPU over ${STATIC_SECONDS} s of an unchanging screen, scale 0.5"
   for codec in image/jpeg video/avc; do

@@ -8,8 +8,9 @@
 # second over a minute, and PSNR of the last received picture against a grab of the same screen.
 # Usage: bench/session-bench.sh BUILD_DIR   (a build configured with -DQRV_BUILD_BENCH=ON)
 #   FRAMES (300), STATIC_SECONDS (60); PROFILE_DIR=DIR also records a perf profile of the host
-#   for each session there (perf report -i DIR/NAME.perf); CODECS and SCALES pick the changing
-#   scene's sessions ("image/jpeg video/avc", "0.5 1.0"); CHANGING_ONLY=1 skips the static scene
+#   for each session there (perf report -i DIR/NAME.perf) at PROFILE_HZ (499); CODECS and SCALES
+#   pick the changing scene's sessions ("image/jpeg video/avc", "0.5 1.0"); CHANGING_ONLY=1 skips
+#   the static scene and PEERS=0 the peers (to watch memory over many frames alone)
 # Needs: xvfb xterm x11-apps x11-utils x11-xserver-utils xdotool ffmpeg time node
 set -euo pipefail
 BUILD=$(cd "${1:?usage: session-bench.sh BUILD_DIR}" && pwd)

@@ -60,19 +60,18 @@ constexpr std::array<EncoderInfo, LibavH264Factory::kCandidateCount> kCandidates
     {"libx264", Kind::x264, false, AV_PIX_FMT_YUV420P},
 }};
 
-// Quality up to 0.5 takes "ultrafast" with the 8x8 transform and the deblocking filter turned back
-// on: the transform makes the stream High profile, and CAVLC stays, since a browser decodes a
-// text-heavy key frame about three times faster than with CABAC. On a recorded 1080p desktop at
-// 512 kbit/s it costs 3.8 ms of CPU a frame for 26.9 dB, against 6.4 ms and 26.3 dB for
-// "superfast" (the fastest preset that writes High), 4.2 ms and 28.0 dB in 7% fewer bytes with
-// CABAC added, and 3.5 ms and 26.8 dB for plain "ultrafast", which writes Constrained Baseline
-// (bench/x264_preset_bench; the filter adds 0.2 to 0.7 dB depending on the recording). Above 0.5,
-// slower presets.
+// Quality up to 0.5 takes "ultrafast" with the 8x8 transform turned back on, which makes the stream
+// High profile; CAVLC stays, since a browser decodes a text-heavy key frame about three times
+// faster than with CABAC. On a recorded 1080p desktop at 512 kbit/s (bench/x264_preset_bench) it
+// costs about 60% of the CPU of "superfast" (the fastest preset that writes High) for 0.3 dB more,
+// and the same as plain "ultrafast", which writes Constrained Baseline. The deblocking filter stays
+// off as ultrafast has it: it costs 12% more encoder instructions a frame for 0.2 to 1.1 dB on
+// screen content; CABAC would give about 1 dB in 7% fewer bytes. Above 0.5, slower presets.
 struct X264Setting {
   const char* preset;
   const char* params;  // x264-params
 };
-constexpr X264Setting kX264Fast = {"ultrafast", "8x8dct=1:deblock=0,0"};
+constexpr X264Setting kX264Fast = {"ultrafast", "8x8dct=1"};
 constexpr const char* kX264SlowerPresets[] = {"superfast", "veryfast", "faster", "fast",
                                               "medium",    "slow",     "slower"};
 
