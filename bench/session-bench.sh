@@ -10,12 +10,13 @@
 #   FRAMES (300), STATIC_SECONDS (60); PROFILE_DIR=DIR also records a perf profile of the host
 #   for each session there (perf report -i DIR/NAME.perf) at PROFILE_HZ (499); CODECS and SCALES
 #   pick the changing scene's sessions ("image/jpeg video/avc", "0.5 1.0"); CHANGING_ONLY=1 skips
-#   the static scene and PEERS=0 the peers (to watch memory over many frames alone)
+#   the static scene and PEERS=0 the peers (to watch memory over many frames alone); ROUNDS=N runs
+#   the changing scene's sessions and peers N times and reports each ratio's median
 # Needs: xvfb xterm x11-apps x11-utils x11-xserver-utils xdotool ffmpeg time node
 set -euo pipefail
 BUILD=$(cd "${1:?usage: session-bench.sh BUILD_DIR}" && pwd)
 SCENE=${SCENE:-/work/shared/bench-peers/scene.sh}
-export BUILD FRAMES=${FRAMES:-300} STATIC_SECONDS=${STATIC_SECONDS:-60}
+export BUILD FRAMES=${FRAMES:-300} ROUNDS=${ROUNDS:-1} STATIC_SECONDS=${STATIC_SECONDS:-60}
 export ROOT=$(cd "$(dirname "$0")/.." && pwd)
 export WORK=$(mktemp -d)
 trap 'rm -rf "$WORK"' EXIT
