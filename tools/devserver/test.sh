@@ -7,4 +7,4 @@ if [ ! -d node_modules/ws ] || [ ! -d node_modules/cbor-x ] || [ ! -d node_modul
   echo "tools/devserver: run 'npm install --no-save' in tools/devserver first" >&2
   exit 2
 fi
-exec node --test --test-concurrency=1 test/service.test.js test/console.test.js
+exec node --test --test-concurrency=1 --test-timeout=120000 test/service.test.js test/console.test.js
