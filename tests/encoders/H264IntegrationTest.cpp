@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <ostream>
 
 extern "C" {
 #include <libavutil/pixfmt.h>
@@ -51,6 +52,10 @@ struct Case {
   double scale;      // set after the first frame
   double psnrFloor;  // luma, dB: a little under what libx264 measured at 512 kbit/s
 };
+
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << c.width << "x" << c.height << " at scale " << c.scale;
+}
 
 class H264IntegrationTest : public ::testing::TestWithParam<Case> {};
 
@@ -134,7 +139,12 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(Case{640, 360, 1.0, 37},
                       Case{640, 360, 0.5, 37},
                       Case{801, 601, 1.0, 31},
-                      Case{1280, 720, 0.75, 29}));
+                      Case{1280, 720, 0.75, 29}),
+    [](const auto& info) {
+      const Case& c = info.param;
+      return std::to_string(c.width) + "x" + std::to_string(c.height) + "_scale" +
+             std::to_string(int(c.scale * 100));
+    });
 
 TEST(H264IntegrationLargeTest, SoftwareEncodingOf4KComesOutAt1080p) {
   auto main = std::make_shared<test::ManualExecutor>();
